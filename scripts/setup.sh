@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, testing and benchmarking kavrel needs.
+# Safe to run again: packages already present are left alone and apt is only
+# consulted when something is missing.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake pkg-config clang libclang-rt-14-dev clang-format
+  qtbase5-dev libqt5sql5-sqlite
+  libimobiledevice-dev libplist-dev libusbmuxd-dev
+  libimobiledevice-utils ideviceinstaller libplist-utils
+  libzip-dev zipcmp libdeflate-dev zlib1g-dev libssl-dev
+  nodejs pngcheck sqlite3 hyperfine
+)
+# The machine's Node.js may come with its own npm; Debian's npm conflicts with it.
+command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+
+if [ ${#missing[@]} -gt 0 ]; then
+  SUDO=""
+  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

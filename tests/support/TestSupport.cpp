@@ -1,0 +1,104 @@
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+namespace kavreltest {
+
+namespace {
+QMutex gCurrentLock;
+LogCapture* gCurrent = nullptr;
+} // namespace
+
+LogCapture::LogCapture()
+{
+    QMutexLocker guard(&gCurrentLock);
+    mOuter = gCurrent;
+    gCurrent = this;
+    mPrevious = qInstallMessageHandler(&LogCapture::handler);
+}
+
+LogCapture::~LogCapture()
+{
+    QMutexLocker guard(&gCurrentLock);
+    gCurrent = mOuter;
+    qInstallMessageHandler(mPrevious);
+}
+
+void LogCapture::handler(QtMsgType, const QMessageLogContext&, const QString& msg)
+{
+    QMutexLocker guard(&gCurrentLock);
+    if (!gCurrent)
+        return;
+    QMutexLocker lines(&gCurrent->mLock);
+    gCurrent->mLines.append(msg);
+}
+
+QStringList LogCapture::lines() const
+{
+    QMutexLocker guard(&mLock);
+    return mLines;
+}
+
+bool LogCapture::hasLine(const QString& text) const
+{
+    return lines().contains(text);
+}
+
+bool LogCapture::contains(const QString& text) const
+{
+    return count(text) > 0;
+}
+
+int LogCapture::count(const QString& text) const
+{
+    int n = 0;
+    for (const QString& line : lines())
+        n += line.contains(text) ? 1 : 0;
+    return n;
+}
+
+void LogCapture::clear()
+{
+    QMutexLocker guard(&mLock);
+    mLines.clear();
+}
+
+QString LogCapture::dump() const
+{
+    return lines().join(QLatin1Char('\n'));
+}
+
+TempHome::TempHome()
+{
+    qputenv("HOME", QFile::encodeName(mDir.path()));
+    qunsetenv("XDG_CONFIG_HOME");
+    qunsetenv("XDG_DOCUMENTS_DIR");
+    QDir(mDir.path()).mkpath(QStringLiteral("Documents"));
+}
+
+QString TempHome::documentsPath()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+}
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return false;
+    return f.write(bytes) == bytes.size();
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        return QByteArray();
+    return f.readAll();
+}
+
+} // namespace kavreltest
