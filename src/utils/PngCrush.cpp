@@ -231,7 +231,8 @@ bool Conversion::readChunks()
     fseek(mIn, 0, SEEK_END);
     mSize = ftell(mIn);
     fseek(mIn, 0, SEEK_SET);
-    mFileSize = mSize < 0 ? 0u : static_cast<unsigned int>(std::min<long long>(mSize, 0xFFFFFFFFll));
+    mFileSize =
+        mSize < 0 ? 0u : static_cast<unsigned int>(std::min<long long>(mSize, 0xFFFFFFFFll));
 
     unsigned char signature[8];
     if (fread(signature, 1, 8, mIn) != 8 || memcmp(signature, kSignature, 8) != 0) {
@@ -297,8 +298,8 @@ void Conversion::checkCrcs()
 {
     for (int i = 0; i < mCrush.chunk_count; ++i) {
         PngChunkRecord& c = mCrush.chunks[i];
-        const unsigned int computed =
-            static_cast<unsigned int>(libdeflate_crc32(0, c.data, static_cast<size_t>(c.length) + 4));
+        const unsigned int computed = static_cast<unsigned int>(
+            libdeflate_crc32(0, c.data, static_cast<size_t>(c.length) + 4));
         const bool valid = computed == c.crc;
         if (!mCrush.list_chunks && valid)
             continue;
@@ -439,7 +440,8 @@ void Conversion::printHeader() const
                    static_cast<unsigned long long>(passRows(p, h.height)));
     }
     printf("    row filter bytes   : %llu\n", static_cast<unsigned long long>(h.filterBytes));
-    printf("    expected data size : %llu bytes\n", static_cast<unsigned long long>(h.expectedSize));
+    printf("    expected data size : %llu bytes\n",
+           static_cast<unsigned long long>(h.expectedSize));
 }
 
 bool Conversion::checkIdat()
@@ -598,7 +600,8 @@ bool Conversion::recompress()
         fail("out of memory");
         return false;
     }
-    mDeflatedSize = libdeflate_zlib_compress(c, mInflated, mInflatedSize, mDeflated + 4, capacity - 4);
+    mDeflatedSize =
+        libdeflate_zlib_compress(c, mInflated, mInflatedSize, mDeflated + 4, capacity - 4);
     if (mDeflatedSize == 0) {
         fail("unspecified compression error");
         return false;
@@ -690,8 +693,16 @@ int Conversion::write(char** outName)
 } // namespace
 
 PngCrush::PngCrush()
-    : chunk_count(0), chunk_capacity(0), chunks(nullptr), print_info(0), allow_plain(0),
-      list_chunks(0), informational(0), fix_alpha(1), max_idat_size(524288), write_output(1),
+    : chunk_count(0),
+      chunk_capacity(0),
+      chunks(nullptr),
+      print_info(0),
+      allow_plain(0),
+      list_chunks(0),
+      informational(0),
+      fix_alpha(1),
+      max_idat_size(524288),
+      write_output(1),
       output_dir(nullptr)
 {
 }

@@ -7,10 +7,10 @@
 // One chunk of the PNG file being converted, as read from the file.
 struct PngChunkRecord
 {
-    unsigned int length;  // data length
-    unsigned int type;    // the four type bytes packed big-endian ("IHDR" is 0x49484452)
-    unsigned char* data;  // length + 4 bytes: the type bytes followed by the data
-    unsigned int crc;     // the stored CRC
+    unsigned int length; // data length
+    unsigned int type;   // the four type bytes packed big-endian ("IHDR" is 0x49484452)
+    unsigned char* data; // length + 4 bytes: the type bytes followed by the data
+    unsigned int crc;    // the stored CRC
 };
 
 // Turns Apple's crushed ("CgBI") PNG files, as found inside iOS app bundles, into

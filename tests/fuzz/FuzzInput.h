@@ -6,7 +6,8 @@
 
 namespace fuzzinput {
 
-enum Flag : uint8_t {
+enum Flag : uint8_t
+{
     AllowPlain = 1,
     ListChunks = 2,
     PrintInfo = 4,

@@ -145,7 +145,8 @@ Bytes scanlines(const PngSpec& spec)
             const uint32_t y = y0 + r * dy;
             for (uint32_t c = 0; c < columns; ++c) {
                 const uint32_t x = x0 + c * dx;
-                storePixel(spec, &spec.pixels[(size_t(y) * spec.width + x) * n], &current[size_t(c) * n]);
+                storePixel(spec, &spec.pixels[(size_t(y) * spec.width + x) * n],
+                           &current[size_t(c) * n]);
             }
             const int type = spec.filter < 0 ? int(r % 5) : spec.filter;
             Bytes filtered = current;
@@ -164,9 +165,10 @@ Bytes buildPng(const PngSpec& spec)
     const Bytes raw = scanlines(spec);
     libdeflate_compressor* c = libdeflate_alloc_compressor(spec.level);
     Bytes packed(libdeflate_zlib_compress_bound(c, raw.size()));
-    const size_t size = spec.crushed
-                            ? libdeflate_deflate_compress(c, raw.data(), raw.size(), packed.data(), packed.size())
-                            : libdeflate_zlib_compress(c, raw.data(), raw.size(), packed.data(), packed.size());
+    const size_t size =
+        spec.crushed
+            ? libdeflate_deflate_compress(c, raw.data(), raw.size(), packed.data(), packed.size())
+            : libdeflate_zlib_compress(c, raw.data(), raw.size(), packed.data(), packed.size());
     libdeflate_free_compressor(c);
     packed.resize(size);
 
@@ -221,9 +223,10 @@ bool parseChunks(const Bytes& file, std::vector<ParsedChunk>& chunks)
             return false;
         const uint8_t* t = &file[at + 4];
         const uint8_t* c = t + 4 + length;
-        const uint32_t stored = uint32_t(c[0]) << 24 | uint32_t(c[1]) << 16 | uint32_t(c[2]) << 8 | c[3];
-        chunks.push_back({std::string(reinterpret_cast<const char*>(t), 4), Bytes(t + 4, t + 4 + length),
-                          stored, stored == crc32(t, length + 4)});
+        const uint32_t stored =
+            uint32_t(c[0]) << 24 | uint32_t(c[1]) << 16 | uint32_t(c[2]) << 8 | c[3];
+        chunks.push_back({std::string(reinterpret_cast<const char*>(t), 4),
+                          Bytes(t + 4, t + 4 + length), stored, stored == crc32(t, length + 4)});
         at += 12 + size_t(length);
     }
     return true;

@@ -15,14 +15,14 @@ struct PngSpec
 {
     uint32_t width = 1;
     uint32_t height = 1;
-    int colorType = 6;      // 0 grey, 2 RGB, 3 palette, 4 grey+alpha, 6 RGBA; 8-bit samples
+    int colorType = 6; // 0 grey, 2 RGB, 3 palette, 4 grey+alpha, 6 RGBA; 8-bit samples
     bool interlaced = false;
-    bool crushed = true;    // CgBI chunk, channel swap, premultiply, raw deflate
+    bool crushed = true;     // CgBI chunk, channel swap, premultiply, raw deflate
     bool premultiply = true; // crushed RGBA only
-    int filter = 0;         // filter type of every row, or -1: row y of each pass uses y % 5
-    Bytes pixels;           // straight samples, row-major, channels as the colour type has
-    Bytes palette;          // PLTE data for colour type 3
-    size_t idatSize = 0;    // split the compressed stream into IDAT chunks of this size (0: one)
+    int filter = 0;          // filter type of every row, or -1: row y of each pass uses y % 5
+    Bytes pixels;            // straight samples, row-major, channels as the colour type has
+    Bytes palette;           // PLTE data for colour type 3
+    size_t idatSize = 0;     // split the compressed stream into IDAT chunks of this size (0: one)
     int level = 6;
 };
 
