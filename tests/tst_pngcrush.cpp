@@ -174,6 +174,95 @@ PngSpec rgbaSpec(uint32_t w, uint32_t h)
     return s;
 }
 
+// The row operations one byte at a time, straight from their definition, to check the
+// converter's vectorised loops against on many random rows.
+int refPaeth(int a, int b, int c)
+{
+    const int p = a + b - c;
+    const int pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
+    if (pa <= pb && pa <= pc)
+        return a;
+    return pb <= pc ? b : c;
+}
+
+int refLeft(const QByteArray& buf, int at)
+{
+    return at >= 0 ? uint8_t(buf[at]) : 0;
+}
+
+void refRemove(QByteArray& buf, int width, int height)
+{
+    const int n = 4 * width, stride = n + 1;
+    for (int y = 0; y < height; ++y) {
+        const int x = y * stride + 1, p = x - stride;
+        auto X = [&](int i) -> int { return uint8_t(buf[x + i]); };
+        auto P = [&](int i) -> int { return uint8_t(buf[p + i]); };
+        auto set = [&](int i, int v) { buf[x + i] = char(v); };
+        switch (uint8_t(buf[x - 1])) {
+        case 1:
+            for (int i = 4; i < n; ++i)
+                set(i, X(i) + X(i - 4));
+            break;
+        case 2:
+            for (int i = 0; y > 0 && i < n; ++i)
+                set(i, X(i) + P(i));
+            break;
+        case 3:
+            if (y > 0)
+                set(0, X(0) + P(n) / 2);
+            for (int i = 4; i < n; ++i)
+                set(i, X(i) + (X(i - 4) + (y > 0 ? P(i) : 0)) / 2);
+            break;
+        case 4:
+            for (int i = 0; i < n; ++i) {
+                const int left = i == 0 ? 0 : refLeft(buf, x + i - 4);
+                set(i, X(i) + (y == 0 ? left : refPaeth(left, P(i), i >= 4 ? P(i - 4) : 0)));
+            }
+            break;
+        }
+    }
+}
+
+void refApply(QByteArray& buf, int width, int height)
+{
+    const int n = 4 * width, stride = n + 1;
+    int k = n;
+    for (int y = 0; y < height; ++y) {
+        const int x = y * stride + 1, p = x - stride;
+        auto X = [&](int i) -> int { return uint8_t(buf[x + i]); };
+        auto P = [&](int i) -> int { return uint8_t(buf[p + i]); };
+        auto set = [&](int i, int v) { buf[x + i] = char(v); };
+        switch (uint8_t(buf[x - 1])) {
+        case 1:
+            for (int i = n - 1; i >= 4; --i)
+                set(i, X(i) - X(i - 4));
+            k = 3;
+            break;
+        case 2:
+            if (y > 0) {
+                for (int i = n - 1; i >= 0; --i)
+                    set(i, X(i) - X(i - 1));
+                k = -1;
+            }
+            break;
+        case 3:
+            if (y > 0)
+                set(0, X(0) - P(k) / 2);
+            for (int i = n - 1; i >= 4; --i)
+                set(i, X(i) - (X(i - 4) + (y > 0 ? P(i) : 0)) / 2);
+            k = 3;
+            break;
+        case 4:
+            for (int i = n - 1; i >= 0; --i) {
+                const int left = i == 0 ? 0 : refLeft(buf, x + i - 4);
+                set(i, X(i) - (y == 0 ? left : refPaeth(left, X(i - 1), i >= 4 ? X(i - 5) : 0)));
+            }
+            k = -1;
+            break;
+        }
+    }
+}
+
 } // namespace
 
 class TestPngCrush : public QObject
@@ -202,6 +291,8 @@ private slots:
     void demultiplyAlpha();
     void rowFilters_data();
     void rowFilters();
+    void rowFiltersMatchDefinition_data();
+    void rowFiltersMatchDefinition();
     void crc32s();
 
 private:
@@ -809,6 +900,13 @@ void TestPngCrush::rowFilters_data()
         << b({0, 0, 0, 0, 0, 4, 0, 0, 0, 0, 3, 100, 0, 0, 0})
         << b({0, 0, 0, 0, 0, 4, 0, 0, 0, 4, 3, 101, 0, 0, 0})
         << b({0, 0, 0, 0, 0, 4, 252, 0, 0, 0, 3, 99, 0, 0, 0}) << 1;
+    // Paeth below the first row: removal predicts from the row above (bytes 1..3 with
+    // left neighbours reaching back over the filter byte); re-filtering predicts from
+    // the same row.
+    QTest::newRow("paeth below none")
+        << b({0, 10, 20, 30, 40, 50, 60, 70, 80, 4, 1, 2, 3, 4, 5, 6, 7, 8})
+        << b({0, 10, 20, 30, 40, 50, 60, 70, 80, 4, 11, 72, 83, 44, 55, 78, 90, 88})
+        << b({0, 10, 20, 30, 40, 50, 60, 70, 80, 4, 7, 2, 3, 217, 11, 6, 7, 44}) << 2;
     // Paeth in the first row: left neighbours four bytes back, byte 3 reaching the
     // filter byte (4), bytes 1 and 2 nothing before the buffer.
     QTest::newRow("paeth first row")
@@ -828,6 +926,40 @@ void TestPngCrush::rowFilters()
     QCOMPARE(rows.toHex(' '), unfiltered.toHex(' '));
     PngCrush::applyRowFilters(width, height, reinterpret_cast<unsigned char*>(rows.data()));
     QCOMPARE(rows.toHex(' '), refiltered.toHex(' '));
+}
+
+void TestPngCrush::rowFiltersMatchDefinition_data()
+{
+    QTest::addColumn<int>("filter"); // -1: a random filter per row
+    for (int f = -1; f <= 4; ++f)
+        QTest::addRow("filter %d", f) << f;
+}
+
+void TestPngCrush::rowFiltersMatchDefinition()
+{
+    QFETCH(int, filter);
+    uint32_t s = 7 + filter;
+    auto next = [&s] {
+        s = s * 1103515245u + 12345u;
+        return int(s >> 16);
+    };
+    // Widths around the vector block sizes (4 and 16 bytes, 2 and 4 pixels).
+    for (int width = 1; width <= 37; ++width) {
+        const int height = 1 + width % 5;
+        QByteArray rows(height * (4 * width + 1), 0);
+        for (int i = 0; i < rows.size(); ++i)
+            rows[i] = char(next());
+        for (int y = 0; y < height; ++y)
+            rows[y * (4 * width + 1)] = char(filter >= 0 ? filter : next() % 5);
+        QByteArray expected = rows;
+        refRemove(expected, width, height);
+        QByteArray got = rows;
+        PngCrush::removeRowFilters(width, height, reinterpret_cast<unsigned char*>(got.data()));
+        QVERIFY2(got == expected, qPrintable(QStringLiteral("remove, width %1").arg(width)));
+        refApply(expected, width, height);
+        PngCrush::applyRowFilters(width, height, reinterpret_cast<unsigned char*>(got.data()));
+        QVERIFY2(got == expected, qPrintable(QStringLiteral("apply, width %1").arg(width)));
+    }
 }
 
 void TestPngCrush::crc32s()

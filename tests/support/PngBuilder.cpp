@@ -148,10 +148,28 @@ Bytes scanlines(const PngSpec& spec)
                 storePixel(spec, &spec.pixels[(size_t(y) * spec.width + x) * n],
                            &current[size_t(c) * n]);
             }
-            const int type = spec.filter < 0 ? int(r % 5) : spec.filter;
+            const uint8_t* above = previous.empty() ? nullptr : previous.data();
+            int type = spec.filter == -1 ? int(r % 5) : spec.filter;
             Bytes filtered = current;
-            filterRow(type, filtered.data(), previous.empty() ? nullptr : previous.data(),
-                      filtered.size(), n);
+            if (spec.filter == -2) {
+                // The usual encoder heuristic: the filter with the smallest sum of
+                // absolute (signed) residuals.
+                long best = -1;
+                for (int t = 0; t <= 4; ++t) {
+                    Bytes candidate = current;
+                    filterRow(t, candidate.data(), above, candidate.size(), n);
+                    long sum = 0;
+                    for (uint8_t v : candidate)
+                        sum += v < 128 ? v : 256 - v;
+                    if (best < 0 || sum < best) {
+                        best = sum;
+                        type = t;
+                        filtered = candidate;
+                    }
+                }
+            } else {
+                filterRow(type, filtered.data(), above, filtered.size(), n);
+            }
             out.push_back(uint8_t(type));
             out.insert(out.end(), filtered.begin(), filtered.end());
             previous = current;

@@ -19,7 +19,7 @@ struct PngSpec
     bool interlaced = false;
     bool crushed = true;     // CgBI chunk, channel swap, premultiply, raw deflate
     bool premultiply = true; // crushed RGBA only
-    int filter = 0;          // filter type of every row, or -1: row y of each pass uses y % 5
+    int filter = 0;          // filter of every row; -1: row y of each pass uses y % 5; -2: adaptive
     Bytes pixels;            // straight samples, row-major, channels as the colour type has
     Bytes palette;           // PLTE data for colour type 3
     size_t idatSize = 0;     // split the compressed stream into IDAT chunks of this size (0: one)
