@@ -99,6 +99,9 @@ int main(int argc, char** argv)
         } else if (arg == "-h" || arg == "--help") {
             usage(stdout);
             return 0;
+        } else if (arg == "--print-profile-dir") {
+            std::printf("%s\n", DEVSIM_PROFILE_DIR);
+            return 0;
         } else if (!arg.empty() && arg[0] == '-') {
             std::fprintf(stderr, "kavrel-devsim: unknown option %s\n", arg.c_str());
             usage(stderr);
