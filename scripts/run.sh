@@ -16,3 +16,4 @@ fi
 demo() { echo; echo "\$ kavrel $*"; "$kavrel" "$@"; }
 
 "$kavrel" --help
+demo service check || true

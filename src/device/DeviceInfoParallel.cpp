@@ -1,0 +1,57 @@
+#include "DeviceInfoParallel.h"
+
+#include "DeviceInfo.h"
+
+#include <QDebug>
+#include <QThreadPool>
+#include <QtConcurrent>
+
+DeviceInfoParallel::DeviceInfoParallel(QObject* parent, const QString& udid)
+    : QObject(parent), mUdid(udid)
+{
+    // Connect before the future is set: a worker that is already done still reports.
+    connect(&mInfoWatcher, &QFutureWatcher<QString>::finished, this,
+            &DeviceInfoParallel::slotDataReady);
+    mInfoWatcher.setFuture(
+        QtConcurrent::run(QThreadPool::globalInstance(), &DeviceInfoParallel::readDevInfo, udid));
+}
+
+DeviceInfoParallel::DeviceInfoParallel(QObject* parent, const QString& udid, const QString& key,
+                                       const QString& value)
+    : QObject(parent), mUdid(udid), mKey(key)
+{
+    connect(&mUpdateWatcher, &QFutureWatcher<bool>::finished, this,
+            &DeviceInfoParallel::slotUpdateFinished);
+    mUpdateWatcher.setFuture(QtConcurrent::run(
+        QThreadPool::globalInstance(), &DeviceInfoParallel::writeDevProperty, udid, key, value));
+}
+
+QString DeviceInfoParallel::readDevInfo(const QString& udid)
+{
+    DeviceInfo info(nullptr, udid);
+    QString out;
+    if (!info.getDevInfo(out, nullptr, nullptr, 0)) {
+        qDebug() << "failed to getDevInfo";
+        return QString();
+    }
+    return out;
+}
+
+bool DeviceInfoParallel::writeDevProperty(const QString& udid, const QString& key,
+                                          const QString& value)
+{
+    DeviceInfo info(nullptr, udid);
+    return info.setDevProperty(key, value);
+}
+
+void DeviceInfoParallel::slotDataReady()
+{
+    qDebug() << "slotDataReady";
+    emit signalDevInfo(mUdid, mInfoWatcher.result());
+}
+
+void DeviceInfoParallel::slotUpdateFinished()
+{
+    qDebug() << "DeviceInfoParallel::slotUpdateFinished";
+    emit signalUpdateProperty(mUdid, mKey, mUpdateWatcher.result());
+}

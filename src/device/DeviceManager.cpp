@@ -1,0 +1,142 @@
+#include "DeviceManager.h"
+
+#include "DeviceHelper.h"
+#include "DeviceInfoParallel.h"
+
+#include <QDebug>
+#include <QTimer>
+
+// How long an installer may stay silent before the manager gives up on it.
+static const int kInstallerTimeoutMs = 180000;
+
+DeviceManager::DeviceManager(QObject* parent)
+    : QObject(parent),
+      mAppListJob(nullptr),
+      mInstallerJob(nullptr),
+      mAppSizeJob(nullptr),
+      mAppIconJob(nullptr),
+      mInstallTimer(nullptr)
+{
+    mInstallTimer = new QTimer(this);
+    mInstallTimer->setInterval(kInstallerTimeoutMs);
+    mInstallTimer->setSingleShot(true);
+    connect(mInstallTimer, &QTimer::timeout, this, &DeviceManager::slotInstallerTimeout);
+}
+
+DeviceManager::~DeviceManager()
+{
+    // Running workers are not waited for: a job deleted here leaves its worker to
+    // finish on its own, and its result goes nowhere.
+    while (!mSpareJobs.isEmpty())
+        mSpareJobs.takeFirst()->deleteLater();
+    while (!mInfoJobs.isEmpty())
+        mInfoJobs.takeFirst()->deleteLater();
+
+    // The operation queue, the app-list, app-size, icon and installer jobs are filled
+    // by the install queue and the size and icon requests, which this build does not
+    // offer yet; their members stay empty and need no release here.
+
+    if (mInstallTimer) {
+        disconnect(mInstallTimer, nullptr, this, nullptr);
+        delete mInstallTimer;
+        mInstallTimer = nullptr;
+    }
+}
+
+QString DeviceManager::getFirstUdid()
+{
+    return DeviceHelper::getFirstUdid();
+}
+
+void DeviceManager::getDevInfo(const QString& udid)
+{
+    auto* job = new DeviceInfoParallel(this, udid);
+    connect(job, &DeviceInfoParallel::signalDevInfo, this, &DeviceManager::slotDevInfo);
+    mInfoJobs.append(job);
+}
+
+void DeviceManager::updateDevInfo(const QString& udid, const QString& key, const QString& value)
+{
+    auto* job = new DeviceInfoParallel(this, udid, key, value);
+    connect(job, &DeviceInfoParallel::signalUpdateProperty, this,
+            &DeviceManager::slotUpdateDevInfo);
+    mInfoJobs.append(job);
+}
+
+void DeviceManager::slotAppIconsDone(const QString& udid)
+{
+    Q_UNUSED(udid);
+    qDebug() << "DeviceManager::slotAppIconsDone";
+    // No icon job exists in this build yet, so there is nothing to release.
+}
+
+void DeviceManager::slotAppSizeDone(const QString& udid)
+{
+    Q_UNUSED(udid);
+    qDebug() << "DeviceManager::slotAppSizeDone";
+    // No app-size job exists in this build yet, so there is nothing to release.
+}
+
+void DeviceManager::slotDevInfo(const QString& udid, const QString& devInfo)
+{
+    QObject* job = sender();
+    emit signalDevInfo(udid, devInfo);
+    releaseInfoJob(job);
+}
+
+void DeviceManager::slotUpdateDevInfo(const QString& udid, const QString& key, const bool& suc)
+{
+    QObject* job = sender();
+    emit signalUpdateDevInfo(udid, key, suc);
+    releaseInfoJob(job);
+}
+
+void DeviceManager::releaseInfoJob(QObject* job)
+{
+    // Jobs are removed by identity, so results are relayed in the order the jobs
+    // finish rather than the order of the requests.
+    auto* info = qobject_cast<DeviceInfoParallel*>(job);
+    if (!info)
+        return;
+    mInfoJobs.removeAll(info);
+    info->deleteLater();
+}
+
+void DeviceManager::slotAppList(const QString& udid, const QString& jsonApps,
+                                const QStringList& appIds)
+{
+    // The app listing runs through the operation queue, which this build does not
+    // offer yet: no job can call this, and nothing is relayed.
+    Q_UNUSED(udid);
+    Q_UNUSED(jsonApps);
+    Q_UNUSED(appIds);
+}
+
+void DeviceManager::slotAppListFailed()
+{
+    // See slotAppList: no app-list job exists in this build yet.
+}
+
+void DeviceManager::slotDevProgress(const QString& status)
+{
+    // Installer sessions do not run through the manager in this build yet; a line
+    // arriving here is ignored rather than arming the guard timer.
+    Q_UNUSED(status);
+}
+
+void DeviceManager::slotInstallFinished(const QString& status)
+{
+    // See slotDevProgress: no installer job exists in this build yet.
+    Q_UNUSED(status);
+}
+
+void DeviceManager::slotAppUninstalled(const QString& appid)
+{
+    emit signalAppUninstalled(appid);
+}
+
+void DeviceManager::slotInstallerTimeout()
+{
+    // The guard timer is only armed by installer progress, which this build does
+    // not route through the manager yet.
+}

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "kavrel_export.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+class QTimer;
+class DeviceInfoParallel;
+class DeviceAppListParallel;
+class DeviceInstallerParallel;
+class DeviceAppSizeParallel;
+class DeviceAppIconParallel;
+struct OperationInfo;
+
+// The facade a host drives from its own thread: each request becomes a background
+// job, and the jobs' results come back as this object's signals, on the host's thread.
+class KAVREL_EXPORT DeviceManager : public QObject
+{
+    Q_OBJECT
+public:
+    explicit DeviceManager(QObject* parent = nullptr);
+    ~DeviceManager() override;
+
+    // The first attached device, or an empty string.
+    static QString getFirstUdid();
+    // Reads the device's information report; answer: signalDevInfo.
+    void getDevInfo(const QString& udid);
+    // Writes a text value into the device's global lockdown domain; answer:
+    // signalUpdateDevInfo.
+    void updateDevInfo(const QString& udid, const QString& key, const QString& value);
+
+signals:
+    void signalAppSize(const QString& udid, const QString& jsonSizes);
+    void signalAppIconsReady(const QString& udid, const QString& jsonApps);
+    void signalDevInfo(const QString& udid, const QString& devInfo);
+    void signalUpdateDevInfo(const QString& udid, const QString& key, const bool& suc);
+    void signalAppList(const QString& udid, const QString& jsonApps, const QStringList& appIds);
+    void signalDevProgress(const QString& status);
+    void signalAppUninstalled(const QString& appid);
+
+public slots:
+    void slotAppIconsDone(const QString& udid);
+    void slotAppSizeDone(const QString& udid);
+    void slotDevInfo(const QString& udid, const QString& devInfo);
+    void slotUpdateDevInfo(const QString& udid, const QString& key, const bool& suc);
+    void slotAppList(const QString& udid, const QString& jsonApps, const QStringList& appIds);
+    void slotAppListFailed();
+    void slotDevProgress(const QString& status);
+    void slotInstallFinished(const QString& status);
+    void slotAppUninstalled(const QString& appid);
+    void slotInstallerTimeout();
+
+private:
+    // Relays the result of a device-information job and releases the job.
+    void releaseInfoJob(QObject* job);
+
+    QList<QObject*> mSpareJobs;
+    QStringList mSpareStrings;
+    QList<DeviceInfoParallel*> mInfoJobs;
+    QList<OperationInfo*> mOperations;
+    DeviceAppListParallel* mAppListJob;
+    DeviceInstallerParallel* mInstallerJob;
+    DeviceAppSizeParallel* mAppSizeJob;
+    DeviceAppIconParallel* mAppIconJob;
+    QTimer* mInstallTimer;
+    QString mLastStatus;
+
+    // Lets the tests look at the jobs in flight.
+    friend class TestDeviceManagerAccess;
+};

@@ -1,0 +1,926 @@
+#include "PngCrush.h"
+
+#include <libdeflate.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+const unsigned char kSignature[8] = {137, 80, 78, 71, 13, 10, 26, 10};
+const unsigned int kTypeCgBI = 0x43674249;
+const unsigned int kTypeIHDR = 0x49484452;
+const unsigned int kTypeIDAT = 0x49444154;
+const unsigned int kTypeIEND = 0x49454E44;
+
+// Adam7 pass tables.
+const int kPassStartRow[7] = {0, 0, 4, 0, 2, 0, 1};
+const int kPassStartColumn[7] = {0, 4, 0, 2, 0, 1, 0};
+const int kPassRowIncrement[7] = {8, 8, 8, 4, 4, 2, 2};
+const int kPassColumnIncrement[7] = {8, 8, 4, 4, 2, 2, 1};
+
+// libdeflate level for the recompressed image data: the best size per time spent on
+// icon-sized images (measured, see bench/RESULTS.md "PNG compression level").
+const int kCompressionLevel = 6;
+
+// The most a DEFLATE stream of n bytes can expand to is 258 bytes for every two
+// bits (a one-bit length code plus a one-bit distance code), so about 1032 times;
+// the slack covers block headers. A buffer of this size never runs out of room.
+uint64_t maxInflatedSize(uint64_t compressedSize)
+{
+    return compressedSize * 1032 + 4096;
+}
+
+// One compressor and one decompressor per thread, reused across files: setting them
+// up costs more than converting a small icon.
+libdeflate_compressor* compressor()
+{
+    struct Holder
+    {
+        libdeflate_compressor* c = libdeflate_alloc_compressor(kCompressionLevel);
+        ~Holder() { libdeflate_free_compressor(c); }
+    };
+    thread_local Holder holder;
+    return holder.c;
+}
+
+libdeflate_decompressor* decompressor()
+{
+    struct Holder
+    {
+        libdeflate_decompressor* d = libdeflate_alloc_decompressor();
+        ~Holder() { libdeflate_free_decompressor(d); }
+    };
+    thread_local Holder holder;
+    return holder.d;
+}
+
+void writeLong(FILE* f, unsigned int v)
+{
+    const unsigned char b[4] = {static_cast<unsigned char>(v >> 24),
+                                static_cast<unsigned char>(v >> 16),
+                                static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+    fwrite(b, 1, 4, f);
+}
+
+void writeChunk(FILE* f, const PngChunkRecord& c)
+{
+    writeLong(f, c.length);
+    fwrite(c.data, 1, static_cast<size_t>(c.length) + 4, f);
+    writeLong(f, c.crc);
+}
+
+int paeth(int a, int b, int c)
+{
+    const int p = a + b - c;
+    const int pa = std::abs(p - a);
+    const int pb = std::abs(p - b);
+    const int pc = std::abs(p - c);
+    if (pa <= pb && pa <= pc)
+        return a;
+    if (pb <= pc)
+        return b;
+    return c;
+}
+
+// The byte four positions before x[i] in the buffer: for i = 1..3 this reaches back
+// over the row's filter byte into the previous row; before the buffer it is 0.
+int leftByte(const unsigned char* rows, const unsigned char* x, ptrdiff_t i)
+{
+    if (i == 0)
+        return 0;
+    const ptrdiff_t at = (x - rows) + i - 4;
+    return at >= 0 ? rows[at] : 0;
+}
+
+uint64_t passColumns(int pass, uint64_t width)
+{
+    return (kPassColumnIncrement[pass] - kPassStartColumn[pass] + width - 1) /
+           kPassColumnIncrement[pass];
+}
+
+uint64_t passRows(int pass, uint64_t height)
+{
+    return (kPassRowIncrement[pass] - kPassStartRow[pass] + height - 1) / kPassRowIncrement[pass];
+}
+
+struct ImageHeader
+{
+    unsigned int width = 0;
+    unsigned int height = 0;
+    int depth = 0;
+    int colorType = 0;
+    int compression = 0;
+    int filter = 0;
+    int interlace = 0;
+    int bitsPerPixel = 0;
+    uint64_t bytesPerLine = 0;
+    uint64_t filterBytes = 0;
+    uint64_t expectedSize = 0;
+};
+
+// The state of one call of process(): messages with the name-prefix rule, the
+// header, the image buffers. Its destructor closes and frees everything, so every
+// return path cleans up.
+class Conversion
+{
+public:
+    Conversion(PngCrush& crush, const char* file) : mCrush(crush), mFile(file) {}
+    ~Conversion();
+    int run(char** outName);
+
+private:
+    bool readChunks();
+    bool readRemainingChunks();
+    void checkCrcs();
+    bool checkHeader();
+    bool checkBitDepth();
+    void computeSizes();
+    void printHeader() const;
+    bool checkIdat();
+    bool decompress();
+    bool fixPixels();
+    bool checkRowFilters(unsigned char* rows, uint64_t columns, uint64_t rowCount);
+    void fixImage(unsigned char* rows, uint64_t columns, uint64_t rowCount);
+    bool recompress();
+    int write(char** outName);
+    char* outputName() const;
+    void writeIdat(FILE* out);
+
+    // "%s : " until the name was printed, four blanks afterwards.
+    void prefix();
+    // "%s :\n" unless the name was printed already.
+    void nameLine();
+    void fail(const char* text);
+
+    PngCrush& mCrush;
+    const char* mFile;
+    FILE* mIn = nullptr;
+    long mSize = 0;
+    unsigned int mFileSize = 0;
+    bool mNamePrinted = false;
+    bool mCrushed = false;
+    ImageHeader mHeader;
+    int mFirstIdat = -1;
+    int mIdatEnd = -1;
+    uint64_t mIdatTotal = 0;
+    unsigned char* mIdat = nullptr;
+    unsigned char* mInflated = nullptr;
+    size_t mInflatedSize = 0;
+    unsigned char* mDeflated = nullptr; // compressed stream starts at offset 4
+    size_t mDeflatedSize = 0;
+};
+
+Conversion::~Conversion()
+{
+    if (mIn)
+        fclose(mIn);
+    free(mIdat);
+    free(mInflated);
+    free(mDeflated);
+    mCrush.reset_chunks();
+}
+
+void Conversion::prefix()
+{
+    if (mNamePrinted) {
+        fputs("    ", stdout);
+    } else {
+        printf("%s : ", mFile);
+        mNamePrinted = true;
+    }
+}
+
+void Conversion::nameLine()
+{
+    if (!mNamePrinted) {
+        printf("%s :\n", mFile);
+        mNamePrinted = true;
+    }
+}
+
+void Conversion::fail(const char* text)
+{
+    prefix();
+    puts(text);
+}
+
+int Conversion::run(char** outName)
+{
+    if (!readChunks())
+        return 0;
+    checkCrcs();
+    if (!checkHeader() || !checkIdat())
+        return 0;
+    const bool converts = mHeader.depth == 8 && (mHeader.colorType == 2 || mHeader.colorType == 6);
+    if (converts && (!decompress() || !fixPixels() || !recompress()))
+        return 0;
+    return write(outName);
+}
+
+bool Conversion::readChunks()
+{
+    mIn = fopen(mFile, "rb");
+    if (!mIn) {
+        printf("%s : not found or could not be opened\n", mFile);
+        return false;
+    }
+    fseek(mIn, 0, SEEK_END);
+    mSize = ftell(mIn);
+    fseek(mIn, 0, SEEK_SET);
+    mFileSize =
+        mSize < 0 ? 0u : static_cast<unsigned int>(std::min<long long>(mSize, 0xFFFFFFFFll));
+
+    unsigned char signature[8];
+    if (fread(signature, 1, 8, mIn) != 8 || memcmp(signature, kSignature, 8) != 0) {
+        printf("%s : not a PNG file\n", mFile);
+        return false;
+    }
+    const int r = mCrush.init_chunk(mIn, mFileSize);
+    if (r < 0 || mCrush.chunk_count == 0) {
+        fclose(mIn);
+        mIn = nullptr;
+        if (r == -2)
+            printf("%s : out of memory\n", mFile);
+        else if (r == -1)
+            printf("%s : invalid chunk size\n", mFile);
+        else
+            printf("%s : premature end of file\n", mFile);
+        return false;
+    }
+    mCrushed = mCrush.chunks[0].type == kTypeCgBI;
+    if (!mCrushed) {
+        printf("%s : not an -iphone crushed PNG file\n", mFile);
+        if (!mCrush.allow_plain)
+            return false;
+        mNamePrinted = true;
+    }
+    if (!readRemainingChunks())
+        return false;
+    if (ftell(mIn) < mSize) {
+        fail("Extra data after IEND, very suspicious! Excluded from conversion");
+        mNamePrinted = true;
+    }
+    fclose(mIn);
+    mIn = nullptr;
+    return true;
+}
+
+bool Conversion::readRemainingChunks()
+{
+    while (mCrush.chunks[mCrush.chunk_count - 1].type != kTypeIEND) {
+        const int before = mCrush.chunk_count;
+        const int r = mCrush.init_chunk(mIn, mFileSize);
+        if (r < 0) {
+            prefix();
+            if (r == -2)
+                puts("out of memory");
+            else if (r == -1)
+                puts("invalid chunk size");
+            else if (r == -3)
+                puts("premature end of file");
+            else
+                printf("error code %d\n", r);
+            return false;
+        }
+        if (mCrush.chunk_count == before) {
+            fail("missing IEND chunk");
+            return false;
+        }
+    }
+    return true;
+}
+
+void Conversion::checkCrcs()
+{
+    for (int i = 0; i < mCrush.chunk_count; ++i) {
+        PngChunkRecord& c = mCrush.chunks[i];
+        const unsigned int computed = static_cast<unsigned int>(
+            libdeflate_crc32(0, c.data, static_cast<size_t>(c.length) + 4));
+        const bool valid = computed == c.crc;
+        if (!mCrush.list_chunks && valid)
+            continue;
+        nameLine();
+        printf("    chunk : %c%c%c%c  length %6u  CRC32 %08X", c.data[0], c.data[1], c.data[2],
+               c.data[3], c.length, c.crc);
+        if (mCrush.list_chunks) {
+            if (!valid)
+                printf(" --> CRC32 check invalid! Should be %08X", computed);
+            putchar('\n');
+        } else {
+            printf(" -> invalid, changed to %08X\n", computed);
+            c.crc = computed;
+        }
+    }
+}
+
+bool Conversion::checkHeader()
+{
+    const int index = mCrushed ? 1 : 0;
+    if (mCrush.chunk_count <= index || mCrush.chunks[index].type != kTypeIHDR) {
+        fail("no IHDR chunk found");
+        return false;
+    }
+    const PngChunkRecord& ihdr = mCrush.chunks[index];
+    if (ihdr.length != 13) {
+        fail("IHDR chunk length incorrect");
+        return false;
+    }
+    const unsigned char* d = ihdr.data + 4;
+    ImageHeader& h = mHeader;
+    h.width = PngCrush::read_long(const_cast<unsigned char*>(d));
+    h.height = PngCrush::read_long(const_cast<unsigned char*>(d + 4));
+    h.depth = d[8];
+    h.colorType = d[9];
+    h.compression = d[10];
+    h.filter = d[11];
+    h.interlace = d[12];
+    if (h.width == 0 || h.height == 0 || h.width >= 0x80000000u || h.height >= 0x80000000u) {
+        fail("image dimensions invalid");
+        return false;
+    }
+    const struct
+    {
+        bool bad;
+        const char* format;
+        int value;
+    } methods[] = {{h.compression != 0, "unknown compression type %d\n", h.compression},
+                   {h.filter != 0, "unknown filter type %d\n", h.filter},
+                   {h.interlace > 1, "unknown interlace type %d\n", h.interlace},
+                   {h.colorType > 6, "unknown color type %d\n", h.colorType}};
+    for (const auto& m : methods) {
+        if (m.bad) {
+            prefix();
+            printf(m.format, m.value);
+            return false;
+        }
+    }
+    if (!checkBitDepth())
+        return false;
+    computeSizes();
+    if (mCrush.print_info)
+        printHeader();
+    return true;
+}
+
+bool Conversion::checkBitDepth()
+{
+    ImageHeader& h = mHeader;
+    bool valid = false;
+    switch (h.colorType) {
+    case 0:
+        valid = h.depth == 1 || h.depth == 2 || h.depth == 4 || h.depth == 8 || h.depth == 16;
+        h.bitsPerPixel = h.depth;
+        break;
+    case 2:
+        valid = h.depth == 8 || h.depth == 16;
+        h.bitsPerPixel = 3 * h.depth;
+        break;
+    case 3:
+        valid = h.depth == 1 || h.depth == 2 || h.depth == 4 || h.depth == 8;
+        h.bitsPerPixel = h.depth;
+        break;
+    case 4:
+        valid = h.depth == 8 || h.depth == 16;
+        h.bitsPerPixel = 2 * h.depth;
+        break;
+    case 6:
+        valid = h.depth == 8 || h.depth == 16;
+        h.bitsPerPixel = 4 * h.depth;
+        break;
+    default:
+        prefix();
+        printf("unknown color type %d\n", h.colorType);
+        return false;
+    }
+    if (!valid) {
+        prefix();
+        printf("invalid bit depth %d for color type %d\n", h.depth, h.colorType);
+        return false;
+    }
+    return true;
+}
+
+void Conversion::computeSizes()
+{
+    ImageHeader& h = mHeader;
+    // 64-bit throughout: declared dimensions up to 2^31 - 1 overflow 32 bits here.
+    h.bytesPerLine = (static_cast<uint64_t>(h.bitsPerPixel) * h.width + 7) / 8;
+    if (h.interlace == 0) {
+        h.filterBytes = h.height;
+    } else {
+        h.filterBytes = 0;
+        for (int p = 0; p < 7; ++p)
+            h.filterBytes += passRows(p, h.height);
+    }
+    h.expectedSize = h.bytesPerLine * h.height + h.filterBytes;
+}
+
+void Conversion::printHeader() const
+{
+    const ImageHeader& h = mHeader;
+    const_cast<Conversion*>(this)->nameLine();
+    printf("    image width        : %u\n", h.width);
+    printf("    image height       : %u\n", h.height);
+    printf("    bit depth          : %u\n", h.depth);
+    printf("    color type         : %u\n", h.colorType);
+    printf("    compression        : %u\n", h.compression);
+    printf("    filter             : %u\n", h.filter);
+    printf("    interlace          : %u\n", h.interlace);
+    printf("    bits per pixel     : %d\n", h.bitsPerPixel);
+    printf("    bytes per line     : %llu\n", static_cast<unsigned long long>(h.bytesPerLine));
+    if (h.interlace) {
+        puts("    Adam7 interlacing:");
+        for (int p = 0; p < 7; ++p)
+            printf("      pass %d: %llu x %llu\n", p,
+                   static_cast<unsigned long long>(passColumns(p, h.width)),
+                   static_cast<unsigned long long>(passRows(p, h.height)));
+    }
+    printf("    row filter bytes   : %llu\n", static_cast<unsigned long long>(h.filterBytes));
+    printf("    expected data size : %llu bytes\n",
+           static_cast<unsigned long long>(h.expectedSize));
+}
+
+bool Conversion::checkIdat()
+{
+    const PngChunkRecord* c = mCrush.chunks;
+    const int n = mCrush.chunk_count;
+    mFirstIdat = 0;
+    while (mFirstIdat < n && c[mFirstIdat].type != kTypeIDAT)
+        ++mFirstIdat;
+    if (mFirstIdat == n) {
+        fail("no IDAT chunks found");
+        return false;
+    }
+    mIdatEnd = mFirstIdat;
+    mIdatTotal = 0;
+    while (mIdatEnd < n && c[mIdatEnd].type == kTypeIDAT)
+        mIdatTotal += c[mIdatEnd++].length;
+    for (int i = mIdatEnd; i < n; ++i) {
+        if (c[i].type == kTypeIDAT) {
+            fail("IDAT chunks are not consecutive");
+            return false;
+        }
+    }
+    if (mIdatTotal == 0) {
+        fail("all IDAT chunks are empty");
+        return false;
+    }
+    return true;
+}
+
+bool Conversion::decompress()
+{
+    if (mCrush.print_info && mCrushed)
+        puts("    swapping BGR(A) to RGB(A)");
+    if (mCrush.informational)
+        printf("    informational : total idat size: %llu\n",
+               static_cast<unsigned long long>(mIdatTotal));
+
+    libdeflate_decompressor* d = decompressor();
+    mIdat = static_cast<unsigned char*>(malloc(mIdatTotal));
+    // A stream of this many bytes can never fill more than maxInflatedSize(): when the
+    // declared image is larger, a buffer of that size gives the same (short) result
+    // without reserving memory for dimensions the data cannot back.
+    const uint64_t capacity = std::min(mHeader.expectedSize, maxInflatedSize(mIdatTotal));
+    mInflated = static_cast<unsigned char*>(malloc(static_cast<size_t>(capacity)));
+    if (!d || !mIdat || !mInflated) {
+        fail("out of memory");
+        return false;
+    }
+    unsigned char* at = mIdat;
+    for (int i = mFirstIdat; i < mIdatEnd; ++i) {
+        memcpy(at, mCrush.chunks[i].data + 4, mCrush.chunks[i].length);
+        at += mCrush.chunks[i].length;
+    }
+
+    size_t actual = 0;
+    const libdeflate_result r =
+        mCrushed ? libdeflate_deflate_decompress(d, mIdat, mIdatTotal, mInflated, capacity, &actual)
+                 : libdeflate_zlib_decompress(d, mIdat, mIdatTotal, mInflated, capacity, &actual);
+    if (r != LIBDEFLATE_SUCCESS || actual == 0) {
+        fail("unspecified decompression error");
+        return false;
+    }
+    if (actual != mHeader.expectedSize) {
+        prefix();
+        printf("decompression error, expected %llu but got %llu bytes\n",
+               static_cast<unsigned long long>(mHeader.expectedSize),
+               static_cast<unsigned long long>(actual));
+        return false;
+    }
+    mInflatedSize = actual;
+    if (mCrush.print_info)
+        printf("    uncompressed size  : %llu bytes\n", static_cast<unsigned long long>(actual));
+    return true;
+}
+
+bool Conversion::checkRowFilters(unsigned char* rows, uint64_t columns, uint64_t rowCount)
+{
+    const uint64_t stride = 1 + columns * (mHeader.bitsPerPixel / 8);
+    for (uint64_t y = 0; y < rowCount; ++y) {
+        const int filter = rows[y * stride];
+        if (filter > 4) {
+            prefix();
+            printf("unknown row filter type (%d)\n", filter);
+            return false;
+        }
+    }
+    return true;
+}
+
+// Swaps BGR(A) to RGB(A) on the still-filtered bytes (every filter predicts a byte
+// from bytes of the same channel only, so the swap commutes with the filters), then
+// undoes the premultiplication of a crushed RGBA image.
+void Conversion::fixImage(unsigned char* rows, uint64_t columns, uint64_t rowCount)
+{
+    if (columns == 0 || rowCount == 0)
+        return;
+    const int bpp = mHeader.bitsPerPixel / 8;
+    const uint64_t stride = 1 + columns * bpp;
+    for (uint64_t y = 0; y < rowCount; ++y) {
+        unsigned char* px = rows + y * stride + 1;
+        for (uint64_t x = 0; x < columns; ++x, px += bpp)
+            std::swap(px[0], px[2]);
+    }
+    if (mCrushed && mHeader.colorType == 6 && mCrush.fix_alpha) {
+        const int w = static_cast<int>(columns);
+        const int h = static_cast<int>(rowCount);
+        PngCrush::removeRowFilters(w, h, rows);
+        PngCrush::demultiplyAlpha(w, h, rows);
+        PngCrush::applyRowFilters(w, h, rows);
+    }
+}
+
+bool Conversion::fixPixels()
+{
+    const ImageHeader& h = mHeader;
+    const int bpp = h.bitsPerPixel / 8;
+    if (h.interlace == 0) {
+        if (!checkRowFilters(mInflated, h.width, h.height))
+            return false;
+        fixImage(mInflated, h.width, h.height);
+        return true;
+    }
+    // Adam7: the seven passes follow each other in the buffer, each a small image.
+    unsigned char* pass[7];
+    uint64_t columns[7], rows[7];
+    unsigned char* at = mInflated;
+    for (int p = 0; p < 7; ++p) {
+        columns[p] = passColumns(p, h.width);
+        rows[p] = passRows(p, h.height);
+        pass[p] = at;
+        at += rows[p] * (1 + columns[p] * bpp);
+    }
+    for (int p = 0; p < 7; ++p) {
+        if (!checkRowFilters(pass[p], columns[p], rows[p]))
+            return false;
+    }
+    for (int p = 0; p < 7; ++p)
+        fixImage(pass[p], columns[p], rows[p]);
+    return true;
+}
+
+bool Conversion::recompress()
+{
+    libdeflate_compressor* c = compressor();
+    if (!c) {
+        fail("out of memory");
+        return false;
+    }
+    // Twice the data is room enough for anything but the tiniest images, whose zlib
+    // header and trailer alone can exceed it.
+    const size_t capacity =
+        std::max(2 * mInflatedSize, 4 + libdeflate_zlib_compress_bound(c, mInflatedSize));
+    mDeflated = static_cast<unsigned char*>(malloc(capacity));
+    if (!mDeflated) {
+        fail("out of memory");
+        return false;
+    }
+    mDeflatedSize =
+        libdeflate_zlib_compress(c, mInflated, mInflatedSize, mDeflated + 4, capacity - 4);
+    if (mDeflatedSize == 0) {
+        fail("unspecified compression error");
+        return false;
+    }
+    if (mCrush.print_info)
+        printf("    repacked size: %llu bytes\n", static_cast<unsigned long long>(mDeflatedSize));
+    return true;
+}
+
+char* Conversion::outputName() const
+{
+    const char* dir = mCrush.output_dir;
+    if (!dir || !*dir)
+        return strdup(mFile);
+    const char* slash = strrchr(mFile, '/');
+    const char* base = slash ? slash + 1 : mFile;
+    const size_t dirLength = strlen(dir);
+    const size_t baseLength = strlen(base);
+    char* name = static_cast<char*>(malloc(dirLength + 1 + baseLength + 1));
+    if (name) {
+        memcpy(name, dir, dirLength);
+        name[dirLength] = '/';
+        memcpy(name + dirLength + 1, base, baseLength + 1);
+    }
+    return name;
+}
+
+// Splits the recompressed stream into IDAT chunks of at most max_idat_size bytes.
+// The four bytes before each piece are overwritten with the type (the previous piece
+// is already written), so type and data go out, and are checksummed, in one run.
+void Conversion::writeIdat(FILE* out)
+{
+    const size_t limit =
+        mCrush.max_idat_size > 0 ? static_cast<size_t>(mCrush.max_idat_size) : mDeflatedSize;
+    for (size_t offset = 0; offset < mDeflatedSize; offset += limit) {
+        const size_t piece = std::min(limit, mDeflatedSize - offset);
+        unsigned char* run = mDeflated + offset;
+        memcpy(run, "IDAT", 4);
+        writeLong(out, static_cast<unsigned int>(piece));
+        fwrite(run, 1, piece + 4, out);
+        writeLong(out, static_cast<unsigned int>(libdeflate_crc32(0, run, piece + 4)));
+    }
+}
+
+int Conversion::write(char** outName)
+{
+    if (!mCrush.write_output) {
+        if (!mNamePrinted)
+            puts(mFile);
+        return 0;
+    }
+    char* name = outputName();
+    if (!name) {
+        fail("failed to allocate memory for output file name ...");
+        return 0;
+    }
+    if (!mNamePrinted) {
+        printf("%s : ", mFile);
+        mNamePrinted = true;
+    }
+    if (outName)
+        *outName = name;
+    FILE* out = fopen(name, "wb");
+    if (!outName)
+        free(name);
+    if (!out) {
+        puts("    failed to create output file!");
+        return 0;
+    }
+    fwrite(kSignature, 1, 8, out);
+    const PngChunkRecord* c = mCrush.chunks;
+    for (int i = 0; i < mFirstIdat; ++i) {
+        if (i == 0 && mCrushed)
+            continue;
+        writeChunk(out, c[i]);
+    }
+    if (mDeflated) {
+        writeIdat(out);
+    } else {
+        for (int i = mFirstIdat; i < mIdatEnd; ++i)
+            writeChunk(out, c[i]);
+    }
+    for (int i = mIdatEnd; i < mCrush.chunk_count; ++i)
+        writeChunk(out, c[i]);
+    fclose(out);
+    return 1;
+}
+
+} // namespace
+
+PngCrush::PngCrush()
+    : chunk_count(0),
+      chunk_capacity(0),
+      chunks(nullptr),
+      print_info(0),
+      allow_plain(0),
+      list_chunks(0),
+      informational(0),
+      fix_alpha(1),
+      max_idat_size(524288),
+      write_output(1),
+      output_dir(nullptr)
+{
+}
+
+PngCrush::~PngCrush()
+{
+    reset_chunks();
+    free(chunks);
+}
+
+int PngCrush::process(char* file, char** outName)
+{
+    if (!file)
+        return 0;
+    Conversion conversion(*this, file);
+    const int result = conversion.run(outName);
+    fflush(stdout);
+    return result;
+}
+
+int PngCrush::init_chunk(FILE* f, unsigned int fileSize)
+{
+    unsigned char head[4];
+    if (fread(head, 1, 4, f) != 4) {
+        if (feof(f))
+            return 0;
+        if (informational)
+            puts("    informational : failed to read chunk length");
+        return -3;
+    }
+    const unsigned int length = read_long(head);
+    // The bound is the whole file, not what is left of it; a short read catches the rest.
+    if (static_cast<long long>(length) > static_cast<long long>(fileSize) - 4) {
+        if (informational)
+            printf("    informational : chunk length %u larger than file\n", length);
+        return -1;
+    }
+    const size_t size = static_cast<size_t>(length) + 4;
+    unsigned char* data = static_cast<unsigned char*>(malloc(size));
+    if (!data) {
+        if (informational)
+            printf("    informational : no memory for chunk length %u\n", length);
+        return -2;
+    }
+    if (fread(data, 1, size, f) != size) {
+        free(data);
+        if (informational)
+            printf("    informational : failed to read chunk length %u\n", length);
+        return -3;
+    }
+    unsigned char crc[4];
+    if (fread(crc, 1, 4, f) != 4) {
+        free(data);
+        if (informational)
+            puts("    informational : failed to read chunk crc32");
+        return -3;
+    }
+    if (chunk_count == chunk_capacity) {
+        auto* grown = static_cast<PngChunkRecord*>(
+            realloc(chunks, sizeof(PngChunkRecord) * (static_cast<size_t>(chunk_capacity) + 8)));
+        if (!grown) {
+            free(data);
+            if (informational)
+                printf("    informational : no memory for chunk length %u\n", length);
+            return -2;
+        }
+        chunks = grown;
+        chunk_capacity += 8;
+    }
+    chunks[chunk_count++] = {length, read_long(data), data, read_long(crc)};
+    return 0;
+}
+
+void PngCrush::reset_chunks()
+{
+    for (int i = 0; i < chunk_count; ++i)
+        free(chunks[i].data);
+    chunk_count = 0;
+}
+
+unsigned int PngCrush::crc32s(unsigned char* buf, int len)
+{
+    if (len < 1 || !buf)
+        return 0;
+    return static_cast<unsigned int>(libdeflate_crc32(0, buf, static_cast<size_t>(len)));
+}
+
+unsigned int PngCrush::read_long(void* p)
+{
+    const unsigned char* b = static_cast<const unsigned char*>(p);
+    return (static_cast<unsigned int>(b[0]) << 24) | (static_cast<unsigned int>(b[1]) << 16) |
+           (static_cast<unsigned int>(b[2]) << 8) | b[3];
+}
+
+// Rows from the first to the last, each from its first byte on, so p (the row above)
+// is already restored. Two departures from the textbook filters are kept because
+// files converted so far depend on them: Average adds half the row's own filter byte
+// to byte 0, and Paeth takes bytes 1..3's left neighbour from four bytes back in the
+// buffer (over the filter byte) instead of 0.
+void PngCrush::removeRowFilters(int width, int height, unsigned char* rows)
+{
+    if (width <= 0 || height <= 0 || !rows)
+        return;
+    const ptrdiff_t n = 4 * static_cast<ptrdiff_t>(width);
+    const ptrdiff_t stride = n + 1;
+    for (int y = 0; y < height; ++y) {
+        unsigned char* x = rows + y * stride + 1;
+        const unsigned char* p = y > 0 ? x - stride : nullptr;
+        const int filter = x[-1];
+        switch (filter) {
+        case 0:
+            break;
+        case 1:
+            for (ptrdiff_t i = 4; i < n; ++i)
+                x[i] += x[i - 4];
+            break;
+        case 2:
+            if (p) {
+                for (ptrdiff_t i = 0; i < n; ++i)
+                    x[i] += p[i];
+            }
+            break;
+        case 3:
+            if (!p) {
+                for (ptrdiff_t i = 4; i < n; ++i)
+                    x[i] += x[i - 4] >> 1;
+            } else {
+                // p[4 * width] is this row's own filter byte.
+                x[0] += p[n] >> 1;
+                for (ptrdiff_t i = 4; i < n; ++i)
+                    x[i] += (x[i - 4] + p[i]) >> 1;
+            }
+            break;
+        case 4:
+            for (ptrdiff_t i = 0; i < n; ++i) {
+                const int a = leftByte(rows, x, i);
+                x[i] += p ? paeth(a, p[i], i >= 4 ? p[i - 4] : 0) : a;
+            }
+            break;
+        default:
+            printf("removerowfilter() : Unknown row filter %d\n", filter);
+            break;
+        }
+    }
+}
+
+void PngCrush::demultiplyAlpha(int width, int height, unsigned char* rows)
+{
+    if (width <= 0 || height <= 0 || !rows)
+        return;
+    const ptrdiff_t stride = 4 * static_cast<ptrdiff_t>(width) + 1;
+    for (int y = 0; y < height; ++y) {
+        unsigned char* px = rows + y * stride + 1;
+        for (int x = 0; x < width; ++x, px += 4) {
+            const unsigned int a = px[3];
+            if (a == 0)
+                continue;
+            // No clamping: a colour above its alpha keeps the low 8 bits.
+            px[0] = static_cast<unsigned char>((px[0] * 255u + a / 2) / a);
+            px[1] = static_cast<unsigned char>((px[1] * 255u + a / 2) / a);
+            px[2] = static_cast<unsigned char>((px[2] * 255u + a / 2) / a);
+        }
+    }
+}
+
+// Rows from the first to the last, each from its last byte back, so the row above has
+// already been re-filtered when it is used. The result matches what removeRowFilters
+// undoes only for None and Sub rows; Up, Average and Paeth rows are re-filtered the
+// way this converter always has (Up and Paeth against bytes of the same row, Average's
+// first byte against a byte of the row above chosen by the previous filtered row).
+void PngCrush::applyRowFilters(int width, int height, unsigned char* rows)
+{
+    if (width <= 0 || height <= 0 || !rows)
+        return;
+    const ptrdiff_t n = 4 * static_cast<ptrdiff_t>(width);
+    const ptrdiff_t stride = n + 1;
+    // Where the last re-filtering loop stopped; before any, the row's own filter byte.
+    ptrdiff_t k = n;
+    for (int y = 0; y < height; ++y) {
+        unsigned char* x = rows + y * stride + 1;
+        const unsigned char* p = y > 0 ? x - stride : nullptr;
+        const int filter = x[-1];
+        switch (filter) {
+        case 0:
+            break;
+        case 1:
+            for (ptrdiff_t i = n - 1; i >= 4; --i)
+                x[i] -= x[i - 4];
+            k = 3;
+            break;
+        case 2:
+            if (p) {
+                for (ptrdiff_t i = n - 1; i >= 0; --i)
+                    x[i] -= x[i - 1];
+                k = -1;
+            }
+            break;
+        case 3:
+            if (!p) {
+                for (ptrdiff_t i = n - 1; i >= 4; --i)
+                    x[i] -= x[i - 4] >> 1;
+            } else {
+                x[0] -= p[k] >> 1;
+                for (ptrdiff_t i = n - 1; i >= 4; --i)
+                    x[i] -= (x[i - 4] + p[i]) >> 1;
+            }
+            k = 3;
+            break;
+        case 4:
+            for (ptrdiff_t i = n - 1; i >= 0; --i) {
+                const int a = leftByte(rows, x, i);
+                x[i] -= p ? paeth(a, x[i - 1], i >= 4 ? x[i - 5] : 0) : a;
+            }
+            k = -1;
+            break;
+        default:
+            printf("applyrowfilter : Unknown row filter %d\n", filter);
+            break;
+        }
+    }
+}

@@ -1,0 +1,35 @@
+# cmake -DBINARY_DIR=... -DWORK_DIR=... -DCONSUMER_DIR=... [-DSANITIZE=ON] -P InstallAndConsume.cmake
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+
+function(run what)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${what} failed (${rc}):\n${out}\n${err}")
+  endif()
+  set(last_output "${out}" PARENT_SCOPE)
+endfunction()
+
+run("install" ${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${prefix})
+foreach(f lib/libkavrel.so include/kavrel/DeviceHelper.h include/kavrel/kavrel_export.h
+          lib/cmake/kavrel/kavrelConfig.cmake)
+  if(NOT EXISTS ${prefix}/${f})
+    message(FATAL_ERROR "not installed: ${f}")
+  endif()
+endforeach()
+
+set(flags "")
+if(SANITIZE)
+  # The library was built with the sanitizers; its host must load their runtime first.
+  set(flags "-fsanitize=address,undefined")
+endif()
+run("configure consumer" ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=${BUILD_TYPE} "-DCMAKE_CXX_FLAGS=${flags}")
+run("build consumer" ${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+run("run consumer" ${WORK_DIR}/build/kavrel-consumer)
+set(expected "{\"A\":1,\"B\":\"x\"},|Uninstall|Archive:Complete:com.x:100:1:1")
+string(STRIP "${last_output}" got)
+if(NOT got STREQUAL expected)
+  message(FATAL_ERROR "consumer printed '${got}', expected '${expected}'")
+endif()
+message(STATUS "installed library found, linked and ran: ${got}")

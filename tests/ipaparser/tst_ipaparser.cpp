@@ -1,0 +1,441 @@
+// IpaParser: reading app records out of .ipa archives built here at run time.
+
+#include "IpaParser.h"
+#include "TestSupport.h"
+#include "ZipBuilder.h"
+
+#include <QFileInfo>
+#include <QImage>
+#include <QTemporaryDir>
+
+#include <plist/plist.h>
+
+#include <cstdlib>
+
+using Entries = QList<QPair<QString, QByteArray>>;
+Q_DECLARE_METATYPE(Entries)
+
+namespace {
+
+const QString kApp = QStringLiteral("Payload/Sample.app/");
+
+// Turns a map of strings, numbers and lists into a binary or XML property list.
+plist_t toPlistNode(const QVariant& value)
+{
+    switch (value.type()) {
+    case QVariant::Map: {
+        plist_t dict = plist_new_dict();
+        const QVariantMap map = value.toMap();
+        for (auto it = map.begin(); it != map.end(); ++it)
+            plist_dict_set_item(dict, it.key().toUtf8().constData(), toPlistNode(it.value()));
+        return dict;
+    }
+    case QVariant::List:
+    case QVariant::StringList: {
+        plist_t array = plist_new_array();
+        for (const QVariant& item : value.toList())
+            plist_array_append_item(array, toPlistNode(item));
+        return array;
+    }
+    case QVariant::Int:
+        return plist_new_uint(value.toUInt());
+    default:
+        return plist_new_string(value.toString().toUtf8().constData());
+    }
+}
+
+QByteArray plistBytes(const QVariantMap& map, bool binary)
+{
+    plist_t root = toPlistNode(map);
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    if (binary)
+        plist_to_bin(root, &bytes, &length);
+    else
+        plist_to_xml(root, &bytes, &length);
+    const QByteArray result(bytes, int(length));
+    free(bytes);
+    plist_free(root);
+    return result;
+}
+
+QVariantMap sampleInfo()
+{
+    return {{"CFBundleDisplayName", "Sample"},
+            {"CFBundleIdentifier", "com.example.sample"},
+            {"CFBundleShortVersionString", "1.2"},
+            {"CFBundleVersion", "345"},
+            {"MinimumOSVersion", "9.0"},
+            {"CFBundleIconFile", "AppIcon.png"},
+            {"CFBundleSupportedPlatforms", QStringList{"iPhoneOS"}}};
+}
+
+QVariantMap sampleMetadata()
+{
+    return {{"softwareVersionBundleId", "com.store.listing"},
+            {"itemName", "Store Name"},
+            {"bundleVersion", "9.9"},
+            {"appleId", "buyer@example.com"},
+            {"genre", "Games"}};
+}
+
+QVariantMap without(QVariantMap map, const QStringList& keys)
+{
+    for (const QString& key : keys)
+        map.remove(key);
+    return map;
+}
+
+QVariantMap with(QVariantMap map, const QString& key, const QVariant& value)
+{
+    map.insert(key, value);
+    return map;
+}
+
+const QByteArray kIconA = QByteArray("\x89PNG app icon A", 15);
+const QByteArray kIconB = QByteArray("\x89PNG lower-case icon.png", 24);
+const QByteArray kIcon72 = QByteArray("\x89PNG Icon-72", 12);
+
+} // namespace
+
+class TestIpaParser : public QObject
+{
+    Q_OBJECT
+private slots:
+    void parseIpa_data();
+    void parseIpa();
+    void refusedArchives_data();
+    void refusedArchives();
+    void defaultIconFromResource();
+    void defaultIconWhenResourceAbsent();
+    void pathWithSpacesAndNonAscii();
+    void secondParseAppendsAndKeepsCallerFields();
+    void clearKeepsIdentityFields();
+    void invalidArguments();
+
+private:
+    QString writeIpa(const QString& name, const Entries& entries);
+    QTemporaryDir mDir;
+};
+
+QString TestIpaParser::writeIpa(const QString& name, const Entries& entries)
+{
+    kavreltest::ZipBuilder zip;
+    for (const auto& entry : entries)
+        zip.add(entry.first, entry.second);
+    const QString path = mDir.filePath(name);
+    if (!zip.write(path, true))
+        qFatal("could not write %s", qPrintable(path));
+    return path;
+}
+
+void TestIpaParser::parseIpa_data()
+{
+    QTest::addColumn<Entries>("entries");
+    QTest::addColumn<QString>("appId");
+    QTest::addColumn<QString>("appName");
+    QTest::addColumn<QString>("version");
+    QTest::addColumn<QString>("iconName");
+    QTest::addColumn<QByteArray>("icon");
+    QTest::addColumn<QString>("appleId");
+    QTest::addColumn<QString>("appType");
+    QTest::addColumn<QStringList>("devices");
+
+    const QString id = "com.example.sample";
+    const QString preApple = "preset-apple"; // set by the caller; kept without metadata
+    const QString preType = "preset-type";
+    const QStringList phone{"iPhoneOS"};
+
+    QTest::newRow("binary Info.plist: build version wins over short version")
+        << Entries{{kApp + "Info.plist", plistBytes(sampleInfo(), true)},
+                   {kApp + "AppIcon.png", kIconA},
+                   {kApp + "icon.png", kIconB}}
+        << id << "Sample"
+        << "345"
+        << "AppIcon.png" << kIconA << preApple << preType << phone;
+
+    QTest::newRow("XML Info.plist: short version kept without build version")
+        << Entries{{kApp + "Info.plist",
+                    plistBytes(without(sampleInfo(), {"CFBundleVersion"}), false)},
+                   {kApp + "AppIcon.png", kIconA}}
+        << id << "Sample"
+        << "1.2"
+        << "AppIcon.png" << kIconA << preApple << preType << phone;
+
+    const QVariantMap iconFiles = with(without(sampleInfo(), {"CFBundleIconFile"}),
+                                       "CFBundleIconFiles", QStringList{"Icon-72.png", "Icon.png"});
+    QTest::newRow("icon files array: first entry is taken")
+        << Entries{{kApp + "Info.plist", plistBytes(iconFiles, true)},
+                   {kApp + "Icon.png", kIconA},
+                   {kApp + "Icon-72.png", kIcon72}}
+        << id << "Sample"
+        << "345"
+        << "Icon-72.png" << kIcon72 << preApple << preType << phone;
+
+    QTest::newRow("no icon key: Icon.png is assumed")
+        << Entries{{kApp + "Info.plist",
+                    plistBytes(without(sampleInfo(), {"CFBundleIconFile"}), true)},
+                   {kApp + "Icon.png", kIconA}}
+        << id << "Sample"
+        << "345"
+        << "Icon.png" << kIconA << preApple << preType << phone;
+
+    const QVariantMap bareIcon = with(sampleInfo(), "CFBundleIconFile", "Icon");
+    QTest::newRow("icon name without extension: falls back to icon.png, name kept")
+        << Entries{{kApp + "Info.plist", plistBytes(bareIcon, true)},
+                   {kApp + "Icon.png", kIconA},
+                   {kApp + "icon.png", kIconB}}
+        << id << "Sample"
+        << "345"
+        << "Icon" << kIconB << preApple << preType << phone;
+
+    QTest::newRow("icon name without extension: an entry named exactly so is read")
+        << Entries{{kApp + "Info.plist", plistBytes(bareIcon, true)},
+                   {kApp + "Icon", kIconA},
+                   {kApp + "icon.png", kIconB}}
+        << id << "Sample"
+        << "345"
+        << "Icon" << kIconA << preApple << preType << phone;
+
+    QTest::newRow("icon over 10 MiB: falls back to icon.png")
+        << Entries{{kApp + "Info.plist", plistBytes(sampleInfo(), true)},
+                   {kApp + "AppIcon.png", QByteArray(10 * 1024 * 1024 + 1, 'x')},
+                   {kApp + "icon.png", kIconB}}
+        << id << "Sample"
+        << "345"
+        << "AppIcon.png" << kIconB << preApple << preType << phone;
+
+    const QVariantMap extension = {{"CFBundleIdentifier", "com.example.sample.widget"},
+                                   {"CFBundleDisplayName", "Widget"},
+                                   {"CFBundleVersion", "7"},
+                                   {"CFBundleIconFile", "AppIcon.png"}};
+    QTest::newRow("nested bundle's Info.plist listed first wins")
+        << Entries{{kApp + "PlugIns/Widget.appex/Info.plist", plistBytes(extension, true)},
+                   {kApp + "Info.plist", plistBytes(sampleInfo(), true)},
+                   {kApp + "AppIcon.png", kIconA}}
+        << "com.example.sample.widget"
+        << "Widget"
+        << "7"
+        << "AppIcon.png" << kIconA << preApple << preType << QStringList();
+
+    QTest::newRow("binary metadata: Info.plist overrides id, name, version")
+        << Entries{{"iTunesMetadata.plist", plistBytes(sampleMetadata(), true)},
+                   {kApp + "Info.plist", plistBytes(sampleInfo(), true)},
+                   {kApp + "AppIcon.png", kIconA}}
+        << id << "Sample"
+        << "345"
+        << "AppIcon.png" << kIconA << "buyer@example.com"
+        << "Games" << phone;
+
+    const QVariantMap sparse = without(
+        sampleInfo(), {"CFBundleDisplayName", "CFBundleVersion", "CFBundleShortVersionString"});
+    QTest::newRow("XML metadata fills what Info.plist lacks")
+        << Entries{{kApp + "Info.plist", plistBytes(sparse, false)},
+                   {kApp + "AppIcon.png", kIconA},
+                   {"iTunesMetadata.plist", plistBytes(sampleMetadata(), false)}}
+        << id << "Store Name"
+        << "9.9"
+        << "AppIcon.png" << kIconA << "buyer@example.com"
+        << "Games" << phone;
+
+    QTest::newRow("several platforms, in order")
+        << Entries{{kApp + "Info.plist",
+                    plistBytes(with(sampleInfo(), "CFBundleSupportedPlatforms",
+                                    QStringList{"iPhoneOS", "iPhoneSimulator"}),
+                               false)},
+                   {kApp + "AppIcon.png", kIconA}}
+        << id << "Sample"
+        << "345"
+        << "AppIcon.png" << kIconA << preApple << preType
+        << QStringList{"iPhoneOS", "iPhoneSimulator"};
+}
+
+void TestIpaParser::parseIpa()
+{
+    QFETCH(Entries, entries);
+    const QString path = writeIpa(QStringLiteral("app.ipa"), entries);
+
+    IpaParser::IpaInfo info;
+    info.mAppleId = QStringLiteral("preset-apple");
+    info.mAppType = QStringLiteral("preset-type");
+    QVERIFY(IpaParser::parseIpa(path, &info));
+
+    QTEST(info.mAppId, "appId");
+    QTEST(info.mAppName, "appName");
+    QTEST(info.mVersion, "version");
+    QTEST(info.mIconName, "iconName");
+    QTEST(info.mIcon, "icon");
+    QTEST(info.mAppleId, "appleId");
+    QTEST(info.mAppType, "appType");
+    QTEST(info.mDevices, "devices");
+    QCOMPARE(info.mIpaSize, quint64(QFileInfo(path).size()));
+    QVERIFY(info.mIpaPath.isEmpty()); // set by callers, never by parsing
+}
+
+void TestIpaParser::refusedArchives_data()
+{
+    QTest::addColumn<QByteArray>("contents");
+    QTest::addColumn<Entries>("entries"); // used when contents is empty
+    QTest::addColumn<QString>("logLine");
+
+    const QByteArray zip; // marker: build from entries
+    QTest::newRow("not a zip") << QByteArray("this is not a zip archive") << Entries()
+                               << "ERROR: zip_open: ";
+    QTest::newRow("no Info.plist") << zip << Entries{{kApp + "AppIcon.png", kIconA}}
+                                   << "Warning: could not locate Info.plist in archive!";
+    QTest::newRow("Info.plist is not a property list")
+        << zip << Entries{{kApp + "Info.plist", "<plist><dict><key>oops"}}
+        << "Error: Could not parse Info.plist!";
+    QTest::newRow("binary magic followed by XML")
+        << zip << Entries{{kApp + "Info.plist", "bplist00" + plistBytes(sampleInfo(), false)}}
+        << "Error: Could not parse Info.plist!";
+    QByteArray huge = plistBytes(sampleInfo(), false);
+    huge.append(QByteArray(10 * 1024 * 1024, ' '));
+    QTest::newRow("Info.plist over 10 MiB")
+        << zip << Entries{{kApp + "Info.plist", huge}} << "ERROR: file 'Info.plist' is too large!";
+}
+
+void TestIpaParser::refusedArchives()
+{
+    QFETCH(QByteArray, contents);
+    QFETCH(Entries, entries);
+    QFETCH(QString, logLine);
+
+    QString path;
+    if (contents.isEmpty()) {
+        path = writeIpa(QStringLiteral("refused.ipa"), entries);
+    } else {
+        path = mDir.filePath(QStringLiteral("refused.ipa"));
+        QVERIFY(kavreltest::writeFile(path, contents));
+    }
+    kavreltest::LogCapture log;
+    IpaParser::IpaInfo info;
+    QVERIFY(!IpaParser::parseIpa(path, &info));
+    QVERIFY2(log.contains(logLine), qPrintable(log.dump()));
+    QVERIFY(info.mIcon.isEmpty());
+}
+
+void TestIpaParser::defaultIconFromResource()
+{
+    const QString path = writeIpa(QStringLiteral("noicon.ipa"),
+                                  {{kApp + "Info.plist", plistBytes(sampleInfo(), true)}});
+    kavreltest::LogCapture log;
+    IpaParser::IpaInfo info;
+    QVERIFY(IpaParser::parseIpa(path, &info));
+    QVERIFY(log.hasLine(QStringLiteral("Try to get app icon by name icon.png...")));
+    QVERIFY(log.hasLine(QStringLiteral("Warning, failed to get app icon by icon.png")));
+    QVERIFY(log.hasLine(QStringLiteral("********* save default icon **************")));
+    QVERIFY(!log.contains(QStringLiteral("failed to save")));
+    QCOMPARE(info.mIconName, QStringLiteral("pc_default_icon.png"));
+
+    // The bytes are the resource image re-encoded as PNG.
+    const QImage expected(QStringLiteral(":res/img/download/pc_default_icon.png"));
+    QVERIFY(!expected.isNull());
+    QVERIFY(info.mIcon.startsWith("\x89PNG"));
+    QCOMPARE(QImage::fromData(info.mIcon, "PNG").convertToFormat(expected.format()), expected);
+}
+
+void TestIpaParser::defaultIconWhenResourceAbsent()
+{
+    const QString path = writeIpa(QStringLiteral("noicon.ipa"),
+                                  {{kApp + "Info.plist", plistBytes(sampleInfo(), true)}});
+    Q_CLEANUP_RESOURCE(ipaparser);
+    kavreltest::LogCapture log;
+    IpaParser::IpaInfo info;
+    const bool parsed = IpaParser::parseIpa(path, &info);
+    Q_INIT_RESOURCE(ipaparser);
+    QVERIFY(parsed);
+    QVERIFY(log.hasLine(QStringLiteral("Warning, failed to save pc_default_icon.png.")));
+    QCOMPARE(info.mIconName, QStringLiteral("pc_default_icon.png"));
+    QVERIFY(info.mIcon.isEmpty());
+}
+
+void TestIpaParser::pathWithSpacesAndNonAscii()
+{
+    QDir(mDir.path()).mkpath(QStringLiteral("My Apps/Spiele für Ünï"));
+    const QString path = writeIpa(
+        QStringLiteral("My Apps/Spiele für Ünï/游戏 app (1).ipa"),
+        {{kApp + "Info.plist", plistBytes(sampleInfo(), true)}, {kApp + "AppIcon.png", kIconA}});
+    QVERIFY(QFileInfo::exists(path));
+    IpaParser::IpaInfo info;
+    QVERIFY(IpaParser::parseIpa(path, &info));
+    QCOMPARE(info.mAppId, QStringLiteral("com.example.sample"));
+    QCOMPARE(info.mIcon, kIconA);
+    QCOMPARE(info.mIpaSize, quint64(QFileInfo(path).size()));
+}
+
+void TestIpaParser::secondParseAppendsAndKeepsCallerFields()
+{
+    const QString path = writeIpa(
+        QStringLiteral("twice.ipa"),
+        {{kApp + "Info.plist", plistBytes(sampleInfo(), true)}, {kApp + "AppIcon.png", kIconA}});
+    IpaParser::IpaInfo info;
+    info.mIpaPath = QStringLiteral("/somewhere/else.ipa");
+    info.mAppSize = 4242;
+    info.mInDevice = true;
+    QVERIFY(IpaParser::parseIpa(path, &info));
+    QVERIFY(IpaParser::parseIpa(path, &info));
+    QCOMPARE(info.mIcon, kIconA + kIconA);
+    QCOMPARE(info.mDevices, (QStringList{"iPhoneOS", "iPhoneOS"}));
+    QCOMPARE(info.mIpaPath, QStringLiteral("/somewhere/else.ipa"));
+    QCOMPARE(info.mAppSize, quint64(4242));
+    QVERIFY(info.mInDevice);
+}
+
+void TestIpaParser::clearKeepsIdentityFields()
+{
+    IpaParser::IpaInfo* info = createIpaInfo();
+    QVERIFY(info->mAppId.isEmpty() && info->mIcon.isEmpty() && !info->mInLocal);
+    QCOMPARE(info->mIpaSize, quint64(0));
+    info->mAppId = "id";
+    info->mIpaPath = "/p.ipa";
+    info->mDevices = QStringList{"iPhoneOS"};
+    info->mAppName = "name";
+    info->mIcon = "bytes";
+    info->mDocSize = 9;
+    info->mInLocal = info->mInDevice = info->mFromDownload = true;
+    info->clear();
+    QCOMPARE(info->mAppId, QStringLiteral("id"));
+    QCOMPARE(info->mIpaPath, QStringLiteral("/p.ipa"));
+    QCOMPARE(info->mDevices, QStringList{"iPhoneOS"});
+    QVERIFY(info->mAppName.isEmpty() && info->mIcon.isEmpty());
+    QCOMPARE(info->mDocSize, quint64(0));
+    QVERIFY(!info->mInLocal && !info->mInDevice && !info->mFromDownload);
+    delete info;
+}
+
+void TestIpaParser::invalidArguments()
+{
+    // A one-byte path is refused before the file system is asked, even when it exists.
+    const QString cwd = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(mDir.path()));
+    QVERIFY(kavreltest::writeFile(mDir.filePath(QStringLiteral("a")), "x"));
+    kavreltest::LogCapture log;
+    IpaParser::IpaInfo info;
+    const bool oneChar = IpaParser::parseIpa(QStringLiteral("a"), &info);
+    QDir::setCurrent(cwd);
+    QVERIFY(!oneChar);
+    QVERIFY(log.hasLine(QStringLiteral("ipa name shouldn't be empty.")));
+    QCOMPARE(info.mIpaSize, quint64(0));
+
+    log.clear();
+    QVERIFY(!IpaParser::parseIpa(QString(), &info));
+    QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("a")), nullptr));
+    QVERIFY(!log.contains(QStringLiteral("shouldn't be empty")));
+
+    QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("missing.ipa")), &info));
+    QVERIFY(log.contains(QStringLiteral("Error, failed to stat ipa file: ")));
+
+    // An empty file is no archive with an Info.plist.
+    QVERIFY(kavreltest::writeFile(mDir.filePath(QStringLiteral("empty.ipa")), QByteArray()));
+    QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("empty.ipa")), &info));
+
+    log.clear();
+    QVERIFY(!IpaParser::parseInfo(nullptr, &info));
+    QVERIFY(!IpaParser::parseMetadata(nullptr, &info));
+    QVERIFY(log.hasLine(QStringLiteral("Invalid parameter.")));
+    QVERIFY(log.hasLine(QStringLiteral("Invalid parameters.")));
+}
+
+KAVREL_TEST_MAIN(TestIpaParser)
+#include "tst_ipaparser.moc"

@@ -1,0 +1,235 @@
+#include "PngBuilder.h"
+
+#include <libdeflate.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace kavreltest {
+
+namespace {
+
+const uint8_t kSignature[8] = {137, 80, 78, 71, 13, 10, 26, 10};
+const int kStartRow[7] = {0, 0, 4, 0, 2, 0, 1};
+const int kStartColumn[7] = {0, 4, 0, 2, 0, 1, 0};
+const int kRowStep[7] = {8, 8, 8, 4, 4, 2, 2};
+const int kColumnStep[7] = {8, 8, 4, 4, 2, 2, 1};
+
+void putLong(Bytes& out, uint32_t v)
+{
+    out.push_back(uint8_t(v >> 24));
+    out.push_back(uint8_t(v >> 16));
+    out.push_back(uint8_t(v >> 8));
+    out.push_back(uint8_t(v));
+}
+
+int paeth(int a, int b, int c)
+{
+    const int p = a + b - c;
+    const int pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
+    if (pa <= pb && pa <= pc)
+        return a;
+    return pb <= pc ? b : c;
+}
+
+// The stored form of one pixel: channels swapped and colours premultiplied when crushed.
+void storePixel(const PngSpec& spec, const uint8_t* in, uint8_t* out)
+{
+    const int n = channels(spec.colorType);
+    memcpy(out, in, n);
+    if (!spec.crushed || (spec.colorType != 2 && spec.colorType != 6))
+        return;
+    if (spec.colorType == 6 && spec.premultiply) {
+        for (int c = 0; c < 3; ++c)
+            out[c] = premultiplied(in[c], in[3]);
+    }
+    const uint8_t r = out[0];
+    out[0] = out[2];
+    out[2] = r;
+}
+
+} // namespace
+
+int channels(int colorType)
+{
+    switch (colorType) {
+    case 2:
+        return 3;
+    case 4:
+        return 2;
+    case 6:
+        return 4;
+    default:
+        return 1;
+    }
+}
+
+uint32_t crc32(const uint8_t* data, size_t size)
+{
+    return libdeflate_crc32(0, data, size);
+}
+
+Bytes chunk(const std::string& type, const Bytes& data)
+{
+    Bytes out;
+    putLong(out, uint32_t(data.size()));
+    out.insert(out.end(), type.begin(), type.begin() + 4);
+    out.insert(out.end(), data.begin(), data.end());
+    putLong(out, crc32(out.data() + 4, data.size() + 4));
+    return out;
+}
+
+Bytes ihdr(uint32_t width, uint32_t height, int depth, int colorType, int interlace)
+{
+    Bytes d;
+    putLong(d, width);
+    putLong(d, height);
+    d.push_back(uint8_t(depth));
+    d.push_back(uint8_t(colorType));
+    d.push_back(0);
+    d.push_back(0);
+    d.push_back(uint8_t(interlace));
+    return chunk("IHDR", d);
+}
+
+uint8_t premultiplied(uint8_t v, uint8_t a)
+{
+    return uint8_t((v * a + 127) / 255);
+}
+
+void filterRow(int type, uint8_t* row, const uint8_t* prev, size_t length, int bpp)
+{
+    // Right to left, so every prediction still sees unfiltered neighbours.
+    for (size_t j = length; j-- > 0;) {
+        const int a = j >= size_t(bpp) ? row[j - bpp] : 0;
+        const int b = prev ? prev[j] : 0;
+        const int c = prev && j >= size_t(bpp) ? prev[j - bpp] : 0;
+        int predicted = 0;
+        switch (type) {
+        case 1:
+            predicted = a;
+            break;
+        case 2:
+            predicted = b;
+            break;
+        case 3:
+            predicted = (a + b) / 2;
+            break;
+        case 4:
+            predicted = paeth(a, b, c);
+            break;
+        default:
+            break;
+        }
+        row[j] = uint8_t(row[j] - predicted);
+    }
+}
+
+Bytes scanlines(const PngSpec& spec)
+{
+    const int n = channels(spec.colorType);
+    Bytes out;
+    const int passes = spec.interlaced ? 7 : 1;
+    for (int p = 0; p < passes; ++p) {
+        const uint32_t x0 = spec.interlaced ? kStartColumn[p] : 0;
+        const uint32_t y0 = spec.interlaced ? kStartRow[p] : 0;
+        const uint32_t dx = spec.interlaced ? kColumnStep[p] : 1;
+        const uint32_t dy = spec.interlaced ? kRowStep[p] : 1;
+        const uint32_t columns = spec.width > x0 ? (spec.width - x0 + dx - 1) / dx : 0;
+        const uint32_t rows = spec.height > y0 ? (spec.height - y0 + dy - 1) / dy : 0;
+        if (columns == 0 || rows == 0)
+            continue;
+        Bytes previous, current(size_t(columns) * n);
+        for (uint32_t r = 0; r < rows; ++r) {
+            const uint32_t y = y0 + r * dy;
+            for (uint32_t c = 0; c < columns; ++c) {
+                const uint32_t x = x0 + c * dx;
+                storePixel(spec, &spec.pixels[(size_t(y) * spec.width + x) * n],
+                           &current[size_t(c) * n]);
+            }
+            const int type = spec.filter < 0 ? int(r % 5) : spec.filter;
+            Bytes filtered = current;
+            filterRow(type, filtered.data(), previous.empty() ? nullptr : previous.data(),
+                      filtered.size(), n);
+            out.push_back(uint8_t(type));
+            out.insert(out.end(), filtered.begin(), filtered.end());
+            previous = current;
+        }
+    }
+    return out;
+}
+
+Bytes buildPng(const PngSpec& spec)
+{
+    const Bytes raw = scanlines(spec);
+    libdeflate_compressor* c = libdeflate_alloc_compressor(spec.level);
+    Bytes packed(libdeflate_zlib_compress_bound(c, raw.size()));
+    const size_t size =
+        spec.crushed
+            ? libdeflate_deflate_compress(c, raw.data(), raw.size(), packed.data(), packed.size())
+            : libdeflate_zlib_compress(c, raw.data(), raw.size(), packed.data(), packed.size());
+    libdeflate_free_compressor(c);
+    packed.resize(size);
+
+    Bytes file(kSignature, kSignature + 8);
+    auto append = [&file](const Bytes& b) { file.insert(file.end(), b.begin(), b.end()); };
+    if (spec.crushed)
+        append(chunk("CgBI", {0x50, 0x00, 0x20, 0x06}));
+    append(ihdr(spec.width, spec.height, 8, spec.colorType, spec.interlaced ? 1 : 0));
+    if (spec.colorType == 3)
+        append(chunk("PLTE", spec.palette));
+    const size_t piece = spec.idatSize ? spec.idatSize : packed.size();
+    for (size_t at = 0; at < packed.size(); at += piece) {
+        const size_t n = std::min(piece, packed.size() - at);
+        append(chunk("IDAT", Bytes(packed.begin() + at, packed.begin() + at + n)));
+    }
+    append(chunk("IEND", {}));
+    return file;
+}
+
+Bytes testPixels(uint32_t width, uint32_t height, int colorType, uint32_t seed)
+{
+    const int n = channels(colorType);
+    Bytes px(size_t(width) * height * n);
+    uint32_t s = seed * 2654435761u + 1;
+    for (uint32_t y = 0; y < height; ++y) {
+        for (uint32_t x = 0; x < width; ++x) {
+            uint8_t* p = &px[(size_t(y) * width + x) * n];
+            for (int c = 0; c < n; ++c) {
+                s = s * 1103515245u + 12345u;
+                // Smooth gradients with some noise, like real icons.
+                p[c] = uint8_t((x * (c + 1) * 7 + y * 5 + ((s >> 16) & 15)) & 0xFF);
+            }
+            if (colorType == 6)
+                p[3] = uint8_t(255 - ((x + y) * 3 & 0xFF));
+        }
+    }
+    return px;
+}
+
+bool parseChunks(const Bytes& file, std::vector<ParsedChunk>& chunks)
+{
+    chunks.clear();
+    if (file.size() < 8 || memcmp(file.data(), kSignature, 8) != 0)
+        return false;
+    size_t at = 8;
+    while (at < file.size()) {
+        if (file.size() - at < 12)
+            return false;
+        const uint32_t length = uint32_t(file[at]) << 24 | uint32_t(file[at + 1]) << 16 |
+                                uint32_t(file[at + 2]) << 8 | file[at + 3];
+        if (file.size() - at - 12 < length)
+            return false;
+        const uint8_t* t = &file[at + 4];
+        const uint8_t* c = t + 4 + length;
+        const uint32_t stored =
+            uint32_t(c[0]) << 24 | uint32_t(c[1]) << 16 | uint32_t(c[2]) << 8 | c[3];
+        chunks.push_back({std::string(reinterpret_cast<const char*>(t), 4),
+                          Bytes(t + 4, t + 4 + length), stored, stored == crc32(t, length + 4)});
+        at += 12 + size_t(length);
+    }
+    return true;
+}
+
+} // namespace kavreltest

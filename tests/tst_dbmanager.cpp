@@ -1,0 +1,586 @@
+// DBManager: the SQLite catalog of apps, the settings row and the download slot.
+
+#include "DBManager.h"
+#include "SettingInfo.h"
+#include "TestSupport.h"
+#include "Utility.h"
+
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QSqlRecord>
+#include <QThreadPool>
+#include <QtConcurrent>
+
+namespace {
+
+// The flags of one row as stored: -1 stands for NULL.
+struct Flags
+{
+    int inDevice, inLocal, fromDownload;
+};
+
+QVariant column(const QString& appid, const QString& name)
+{
+    QSqlQuery q;
+    q.prepare(QStringLiteral("SELECT %1 FROM table_appinfo WHERE appid = :id").arg(name));
+    q.bindValue(QStringLiteral(":id"), appid);
+    if (!q.exec() || !q.next())
+        return QVariant(QStringLiteral("<no row>"));
+    return q.value(0);
+}
+
+bool rowExists(const QString& appid)
+{
+    return column(appid, QStringLiteral("appid")).toString() == appid;
+}
+
+// Every row of the app table, as text, for before/after comparisons.
+QStringList snapshot()
+{
+    QStringList rows;
+    QSqlQuery q(QStringLiteral("SELECT * FROM table_appinfo ORDER BY appid"));
+    while (q.next()) {
+        QStringList values;
+        for (int i = 0; i < q.record().count(); ++i)
+            values << (q.isNull(i) ? QStringLiteral("NULL") : q.value(i).toString());
+        rows << values.join(QLatin1Char('|'));
+    }
+    return rows;
+}
+
+IpaParser::IpaInfo record(const QString& appid, const QString& name = QStringLiteral("Name"))
+{
+    IpaParser::IpaInfo info;
+    info.mAppId = appid;
+    info.mAppName = name;
+    info.mAppType = QStringLiteral("Games");
+    info.mVersion = QStringLiteral("1.0");
+    info.mMinOsVer = QStringLiteral("9.0");
+    info.mDevices = QStringList{"iPhoneOS", "iPadOS"};
+    info.mAppleId = QStringLiteral("buyer@example.com");
+    info.mIpaPath = QStringLiteral("/ipas/") + appid + QStringLiteral(".ipa");
+    info.mIpaSize = 1000;
+    info.mAppSize = 2000;
+    info.mDocSize = 3000;
+    info.mIconName = QStringLiteral("Icon.png");
+    info.mIcon = QByteArray("\x89PNG\0icon of ", 14) + appid.toUtf8();
+    return info;
+}
+
+void storeWithFlags(const QString& appid, Flags f)
+{
+    QSqlQuery q;
+    q.prepare(QStringLiteral("INSERT INTO table_appinfo(appid, appname, indevice, inlocal, "
+                             "fromdownload) VALUES(:id, :name, :d, :l, :f)"));
+    q.bindValue(QStringLiteral(":id"), appid);
+    q.bindValue(QStringLiteral(":name"), appid + QStringLiteral(" name"));
+    q.bindValue(QStringLiteral(":d"),
+                f.inDevice < 0 ? QVariant(QVariant::Int) : QVariant(f.inDevice));
+    q.bindValue(QStringLiteral(":l"),
+                f.inLocal < 0 ? QVariant(QVariant::Int) : QVariant(f.inLocal));
+    q.bindValue(QStringLiteral(":f"),
+                f.fromDownload < 0 ? QVariant(QVariant::Int) : QVariant(f.fromDownload));
+    QVERIFY(q.exec());
+}
+
+QStringList bundleIds(const QString& json)
+{
+    QStringList ids;
+    const QJsonArray apps = QJsonDocument::fromJson(json.toUtf8()).object().value("apps").toArray();
+    for (const QJsonValue& app : apps)
+        ids << app.toObject().value("bundle_id").toString();
+    return ids;
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Flags)
+
+class TestDBManager : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void init();
+    void schemaAsCreated();
+    void saveInsertsThenUpdates();
+    void updateSetsFlagsButNeverClearsThem();
+    void removeClearsOneFlag_data();
+    void removeClearsOneFlag();
+    void iconOnlyRows();
+    void appsAsJson_data();
+    void appsAsJson();
+    void jsonCarriesColumnValues();
+    void largeSizesAndEmptyDevices();
+    void apostrophesNeverReachSql();
+    void concurrentSavesFromPoolAndHost();
+    void settingsRow();
+    void settingsWithoutVersionStayInvisible();
+    void downloadSlotIsTakeOnce();
+    void dropClosesConnection(); // keep last: nothing reopens the catalog
+
+private:
+    DBManager* mDb = nullptr;
+};
+
+void TestDBManager::initTestCase()
+{
+    kavreltest::LogCapture log;
+    mDb = DBManager::instance();
+    QVERIFY(mDb);
+    QCOMPARE(DBManager::instance(), mDb);
+    QCOMPARE(DBManager::mInstance, mDb);
+    QVERIFY2(!log.contains(QStringLiteral("Failed")), qPrintable(log.dump()));
+    QCOMPARE(QSqlDatabase::database().databaseName(), Utility::dataPath() + "norvahelper.db");
+    QVERIFY(QFileInfo(kavreltest::TempHome::documentsPath() + "/norva/norvahelper.db").isFile());
+}
+
+void TestDBManager::init()
+{
+    for (const char* table : {"table_appinfo", "table_setting", "table_utils"})
+        QVERIFY(QSqlQuery().exec(QStringLiteral("DELETE FROM ") + table));
+}
+
+void TestDBManager::schemaAsCreated()
+{
+    // SQLite keeps each table's declaration as given after "CREATE TABLE name".
+    QSqlQuery q(
+        QStringLiteral("SELECT name, sql FROM sqlite_master WHERE type='table' ORDER BY name"));
+    QMap<QString, QString> tables;
+    while (q.next())
+        tables.insert(q.value(0).toString(), q.value(1).toString());
+    const auto declaration = [&](const QString& name) {
+        const QString sql = tables.value(name);
+        return sql.mid(sql.indexOf(QLatin1Char('(')));
+    };
+    QCOMPARE(tables.keys(), (QStringList{"table_appinfo", "table_setting", "table_utils"}));
+    QCOMPARE(declaration("table_appinfo"),
+             QStringLiteral("(appid VARCHAR(255) primary key, apptype VARCHAR(20), appname "
+                            "VARCHAR(255), appver VARCHAR(50), minos   VARCHAR(20), devices "
+                            "VARCHAR(50), appleid VARCHAR(50), ipapath VARCHAR(100), ipasize "
+                            "INTEGER,appsize INTEGER,docsize INTEGER,iconname VARCHAR(20),icondata "
+                            "BLOB,indevice BOOLEAN, inlocal BOOLEAN,fromdownload BOOLEAN)"));
+    QCOMPARE(
+        declaration("table_setting"),
+        QStringLiteral("(pcversion VARCHAR(50),downloaddir VARCHAR(512),itunesdir "
+                       "VARCHAR(512),ipacheck INTEGER,ipainstall INTEGER,autoupgrade INTEGRER)"));
+    QCOMPARE(declaration("table_utils"),
+             QStringLiteral("(downloadings VARCHAR(8000), runnings INTEGER)"));
+}
+
+void TestDBManager::saveInsertsThenUpdates()
+{
+    IpaParser::IpaInfo info = record("com.example.a", "First");
+    info.mInLocal = true;
+    kavreltest::LogCapture log;
+    QVERIFY(mDb->saveAppinfo(&info));
+    QVERIFY(log.hasLine(QStringLiteral("insertAppInfo result:  true")));
+    QVERIFY(mDb->appExists("com.example.a"));
+    QCOMPARE(mDb->getIconByAppid("com.example.a"), info.mIcon);
+
+    info.mAppName = "Second";
+    info.mVersion = QString(); // empty texts overwrite stored ones
+    info.mIcon = "other icon"; // an update never touches the icon
+    log.clear();
+    QVERIFY(mDb->saveAppinfo(&info));
+    QVERIFY2(log.hasLine(QStringLiteral("updateAppInfo result:  true")), qPrintable(log.dump()));
+    QCOMPARE(mDb->getIconByAppid("com.example.a"), record("com.example.a").mIcon);
+
+    IpaParser::IpaInfo out;
+    out.mAppType = "caller type";
+    out.mIconName = "caller.png";
+    out.mIcon = "caller bytes";
+    QVERIFY(mDb->getAppById("com.example.a", &out));
+    QCOMPARE(out.mAppId, QStringLiteral("com.example.a"));
+    QCOMPARE(out.mAppName, QStringLiteral("Second"));
+    QCOMPARE(out.mVersion, QString());
+    QCOMPARE(out.mMinOsVer, QStringLiteral("9.0"));
+    QCOMPARE(out.mAppleId, QStringLiteral("buyer@example.com"));
+    QCOMPARE(out.mDevices, (QStringList{"iPhoneOS", "iPadOS"}));
+    QCOMPARE(out.mIpaPath, QStringLiteral("/ipas/com.example.a.ipa"));
+    QCOMPARE(out.mIpaSize, quint64(1000));
+    QCOMPARE(out.mAppSize, quint64(2000));
+    QCOMPARE(out.mDocSize, quint64(3000));
+    QVERIFY(out.mInLocal && !out.mInDevice && !out.mFromDownload);
+    // Not read back: the caller's values stay.
+    QCOMPARE(out.mAppType, QStringLiteral("caller type"));
+    QCOMPARE(out.mIconName, QStringLiteral("caller.png"));
+    QCOMPARE(out.mIcon, QByteArray("caller bytes"));
+
+    IpaParser::IpaInfo untouched = record("x");
+    QVERIFY(!mDb->getAppById("com.example.unknown", &untouched));
+    QCOMPARE(untouched.mAppName, QStringLiteral("Name"));
+}
+
+void TestDBManager::updateSetsFlagsButNeverClearsThem()
+{
+    IpaParser::IpaInfo info = record("com.example.flags");
+    info.mInLocal = true;
+    mDb->saveAppinfo(&info);
+    info.mInLocal = false;
+    info.mInDevice = true;
+    mDb->saveAppinfo(&info);
+    QCOMPARE(column("com.example.flags", "inlocal").toInt(), 1);
+    QCOMPARE(column("com.example.flags", "indevice").toInt(), 1);
+    QCOMPARE(column("com.example.flags", "fromdownload").toInt(), 0);
+}
+
+void TestDBManager::removeClearsOneFlag_data()
+{
+    QTest::addColumn<Flags>("before");
+    QTest::addColumn<bool>("clearDevice");
+    QTest::addColumn<bool>("clearLocal");
+    QTest::addColumn<bool>("clearDownload");
+    QTest::addColumn<bool>("rowKept");
+    QTest::addColumn<Flags>("after");
+
+    QTest::newRow("last flag cleared: row deleted")
+        << Flags{1, 0, 0} << true << false << false << false << Flags{};
+    QTest::newRow("device and local asked: only device cleared")
+        << Flags{1, 1, 0} << true << true << false << true << Flags{0, 1, 0};
+    QTest::newRow("device and local asked, local already clear: deleted")
+        << Flags{1, 0, 0} << true << true << false << false << Flags{};
+    QTest::newRow("local cleared, download stays")
+        << Flags{0, 1, 1} << false << true << false << true << Flags{0, 0, 1};
+    QTest::newRow("download cleared, last one")
+        << Flags{0, 0, 1} << false << false << true << false << Flags{};
+    QTest::newRow("nothing asked: nothing changes")
+        << Flags{1, 1, 1} << false << false << false << true << Flags{1, 1, 1};
+    QTest::newRow("all flags already clear: deleted")
+        << Flags{0, 0, 0} << false << false << false << false << Flags{};
+    QTest::newRow("NULL flags are never deleted")
+        << Flags{1, -1, -1} << true << false << false << true << Flags{0, -1, -1};
+}
+
+void TestDBManager::removeClearsOneFlag()
+{
+    QFETCH(Flags, before);
+    QFETCH(bool, clearDevice);
+    QFETCH(bool, clearLocal);
+    QFETCH(bool, clearDownload);
+    QFETCH(bool, rowKept);
+    QFETCH(Flags, after);
+
+    storeWithFlags("target", before);
+    storeWithFlags("neighbour", {0, 1, 0});
+    mDb->removeAppById("target", clearDevice, clearLocal, clearDownload);
+    QCOMPARE(rowExists("target"), rowKept);
+    QVERIFY(rowExists("neighbour"));
+    if (!rowKept)
+        return;
+    const auto flag = [](const QVariant& v) { return v.isNull() ? -1 : v.toInt(); };
+    QCOMPARE(flag(column("target", "indevice")), after.inDevice);
+    QCOMPARE(flag(column("target", "inlocal")), after.inLocal);
+    QCOMPARE(flag(column("target", "fromdownload")), after.fromDownload);
+}
+
+void TestDBManager::iconOnlyRows()
+{
+    kavreltest::LogCapture log;
+    mDb->saveAppIcon("com.example.icon", "first icon");
+    QCOMPARE(mDb->getIconByAppid("com.example.icon"), QByteArray("first icon"));
+    QVERIFY(mDb->ifIconExistsByAppid("com.example.icon"));
+    QCOMPARE(column("com.example.icon", "indevice").toInt(), 1);
+    QVERIFY(column("com.example.icon", "inlocal").isNull());
+
+    // A stored icon is never replaced.
+    mDb->saveAppIcon("com.example.icon", "second icon");
+    QVERIFY(log.contains(QStringLiteral("icon already exists in db for appid: ")));
+    QCOMPARE(mDb->getIconByAppid("com.example.icon"), QByteArray("first icon"));
+
+    // Without a name the row is left out of the list; NULL flags keep it from deletion.
+    QVERIFY(bundleIds(mDb->getAppsAsJson(0)).isEmpty());
+    mDb->removeAppById("com.example.icon", true, false, false);
+    QVERIFY(rowExists("com.example.icon"));
+
+    // A row with an empty icon gets one.
+    IpaParser::IpaInfo noIcon = record("com.example.noicon");
+    noIcon.mIcon.clear();
+    mDb->saveAppinfo(&noIcon);
+    QVERIFY(!mDb->ifIconExistsByAppid("com.example.noicon"));
+    mDb->saveAppIcon("com.example.noicon", "fetched icon");
+    QCOMPARE(mDb->getIconByAppid("com.example.noicon"), QByteArray("fetched icon"));
+    QVERIFY(mDb->getIconByAppid("com.example.none").isEmpty());
+    QVERIFY(!log.contains(QStringLiteral("Error: failed to update icon.")));
+}
+
+void TestDBManager::appsAsJson_data()
+{
+    QTest::addColumn<int>("queryType");
+    QTest::addColumn<QStringList>("ids");
+    QTest::newRow("all") << 0 << QStringList{"dev", "dl", "local", "none"};
+    QTest::newRow("downloaded") << 1 << QStringList{"dl"};
+    QTest::newRow("local") << 2 << QStringList{"local"};
+    QTest::newRow("device") << 3 << QStringList{"dev"};
+    QTest::newRow("unknown type lists all") << 7 << QStringList{"dev", "dl", "local", "none"};
+    QTest::newRow("negative type lists all") << -1 << QStringList{"dev", "dl", "local", "none"};
+}
+
+void TestDBManager::appsAsJson()
+{
+    QFETCH(int, queryType);
+    storeWithFlags("dev", {1, 0, 0});
+    storeWithFlags("dl", {0, 0, 1});
+    storeWithFlags("local", {0, 1, 0});
+    storeWithFlags("none", {0, 0, 0});
+    QVERIFY(QSqlQuery().exec(
+        "INSERT INTO table_appinfo(appid, appname, indevice) VALUES('noname', '', 1)"));
+    QStringList ids = bundleIds(mDb->getAppsAsJson(queryType));
+    ids.sort();
+    QTEST(ids, "ids");
+}
+
+void TestDBManager::jsonCarriesColumnValues()
+{
+    IpaParser::IpaInfo info = record("com.example.json");
+    info.mInLocal = true;
+    mDb->saveAppinfo(&info);
+    QCOMPARE(
+        mDb->getAppsAsJson(2),
+        QStringLiteral("{ \"apps\" : [ { \"appleid\" : \"buyer@example.com\", \"appname\" : "
+                       "\"Name\", \"appsize\" : 2000, \"apptype\" : \"Games\", \"bundle_id\" : "
+                       "\"com.example.json\", \"comp\" : \"9.0\", \"devices\" : "
+                       "\"iPhoneOS,iPadOS\", \"docsize\" : 3000, \"ipasize\" : 1000, "
+                       "\"version\" : \"1.0\" } ] }"));
+    QCOMPARE(mDb->getAppsAsJson(1), QStringLiteral("{ \"apps\" : [  ] }"));
+}
+
+void TestDBManager::largeSizesAndEmptyDevices()
+{
+    IpaParser::IpaInfo info = record("com.example.big");
+    info.mIpaSize = 3000000000ULL; // above the signed 32-bit range
+    info.mDevices.clear();
+    mDb->saveAppinfo(&info);
+    const QJsonObject app = QJsonDocument::fromJson(mDb->getAppsAsJson(0).toUtf8())
+                                .object()["apps"]
+                                .toArray()
+                                .first()
+                                .toObject();
+    QCOMPARE(app["ipasize"].toDouble(), 3000000000.0);
+    QCOMPARE(app["devices"].toString(), QString());
+
+    IpaParser::IpaInfo out;
+    QVERIFY(mDb->getAppById("com.example.big", &out));
+    QVERIFY(out.mIpaSize != 3000000000ULL); // read back through a signed 32-bit integer
+    QCOMPARE(out.mIpaSize, quint64(qint64(qint32(quint32(3000000000U)))));
+    QCOMPARE(out.mDevices, QStringList{QString()});
+
+    // The same size saved through an update survives in the table too.
+    mDb->saveAppinfo(&info);
+    QCOMPARE(column("com.example.big", "ipasize").toLongLong(), 3000000000LL);
+}
+
+void TestDBManager::apostrophesNeverReachSql()
+{
+    const QString crafted = QStringLiteral("x' OR '1'='1");
+    for (const char* id : {"com.example.one", "com.example.two", "com.example.three"}) {
+        IpaParser::IpaInfo info = record(id);
+        info.mInDevice = info.mInLocal = true;
+        mDb->saveAppinfo(&info);
+    }
+    mDb->saveAppIcon("com.example.iconless", QByteArray());
+    const QStringList before = snapshot();
+
+    kavreltest::LogCapture log;
+    mDb->removeAppById(crafted, true, false, false);
+    mDb->removeAppById(crafted, false, true, false);
+    mDb->saveAppIcon(crafted, "injected icon");
+    QCOMPARE(snapshot().size(), before.size() + 1); // the prepared insert stores it as a value
+    QVERIFY(rowExists(crafted));
+    QVERIFY(!mDb->appExists(crafted)); // lookups by such an id behave as if nothing matched
+    QVERIFY(!mDb->ifIconExistsByAppid(crafted));
+    QVERIFY(mDb->getIconByAppid(crafted).isEmpty());
+    IpaParser::IpaInfo out;
+    QVERIFY(!mDb->getAppById(crafted, &out));
+
+    // Saving a record with the crafted id: the existence test fails, the insert is refused
+    // as a duplicate, and no other row changes.
+    IpaParser::IpaInfo evil = record(crafted, "Evil");
+    evil.mAppSize = 1;
+    QVERIFY(mDb->saveAppinfo(&evil));
+    QVERIFY(log.hasLine(QStringLiteral("insertAppInfo result:  false")));
+
+    // An apostrophe in a value of an update fails it; the old values stay.
+    IpaParser::IpaInfo named = record("com.example.two", "Rock'n'Roll");
+    named.mAppSize = 99;
+    log.clear();
+    mDb->saveAppinfo(&named);
+    QVERIFY(log.hasLine(QStringLiteral("updateAppInfo result:  false")));
+    QVERIFY(log.contains(QStringLiteral("update content: ")));
+    QVERIFY(!log.contains(QStringLiteral("Error: failed to exec query")));
+
+    QSqlQuery cleanup;
+    cleanup.prepare("DELETE FROM table_appinfo WHERE appid = :id");
+    cleanup.bindValue(":id", crafted);
+    QVERIFY(cleanup.exec());
+    QCOMPARE(snapshot(), before);
+
+    QVERIFY(!mDb->execQuery(QStringLiteral("SELECT nonsense FROM nowhere")));
+    QVERIFY(log.contains(
+        QStringLiteral("Error: failed to exec query:  \"SELECT nonsense FROM nowhere\"")));
+}
+
+void TestDBManager::concurrentSavesFromPoolAndHost()
+{
+    const int perWriter = 40;
+    const auto writer = [this, perWriter](int w) {
+        for (int i = 0; i < perWriter; ++i) {
+            const QString id = QStringLiteral("com.writer%1.app%2").arg(w).arg(i);
+            IpaParser::IpaInfo info = record(id, QStringLiteral("App %1/%2").arg(w).arg(i));
+            info.mAppSize = quint64(w * 1000 + i);
+            info.mInDevice = true;
+            mDb->saveAppinfo(&info);
+            info.mDocSize = quint64(i); // a second save takes the update path
+            mDb->saveAppinfo(&info);
+            mDb->saveAppIcon(id, "icon " + id.toUtf8());
+            IpaParser::IpaInfo back;
+            mDb->getAppById(id, &back);
+        }
+    };
+    kavreltest::LogCapture log;
+    QList<QFuture<void>> futures;
+    for (int w = 1; w <= 4; ++w)
+        futures << QtConcurrent::run(QThreadPool::globalInstance(), writer, w);
+    writer(0);
+    for (QFuture<void>& f : futures)
+        f.waitForFinished();
+
+    QVERIFY2(!log.contains(QStringLiteral("result:  false")), qPrintable(log.dump().left(2000)));
+    QVERIFY(!log.contains(QStringLiteral("Error")));
+    for (int w = 0; w <= 4; ++w) {
+        for (int i = 0; i < perWriter; ++i) {
+            const QString id = QStringLiteral("com.writer%1.app%2").arg(w).arg(i);
+            IpaParser::IpaInfo back;
+            QVERIFY2(mDb->getAppById(id, &back), qPrintable(id));
+            QCOMPARE(back.mAppName, QStringLiteral("App %1/%2").arg(w).arg(i));
+            QCOMPARE(back.mAppSize, quint64(w * 1000 + i));
+            QCOMPARE(back.mDocSize, quint64(i));
+            QVERIFY(back.mInDevice);
+            QCOMPARE(mDb->getIconByAppid(id), record(id).mIcon); // inserted with the row
+        }
+    }
+}
+
+void TestDBManager::settingsRow()
+{
+    QVERIFY(!mDb->settingExists());
+    SettingInfo missing;
+    kavreltest::LogCapture log;
+    QVERIFY(!mDb->deserialize(&missing));
+    QVERIFY(log.hasLine(QStringLiteral("failed to get data for setting.")));
+    QVERIFY(!mDb->deserialize(nullptr));
+    QVERIFY(log.hasLine(QStringLiteral("info couldn't be empty.")));
+
+    // An update without a settings row changes nothing.
+    SettingInfo info;
+    info.mVersion = "2.0";
+    mDb->updateSetting(&info);
+    QVERIFY(!mDb->settingExists());
+
+    info.mVersion = "1.0";
+    info.mDownloadDir = "/home/u/Downloads";
+    info.mItunesDir = "/home/u/Music/iTunes";
+    info.mIpaCheck = 0;
+    mDb->setDefaultSettingIfNotExists(&info);
+    SettingInfo other;
+    other.mVersion = "9.9";
+    mDb->setDefaultSettingIfNotExists(&other); // a row exists: nothing is inserted
+    QVERIFY(mDb->settingExists());
+
+    SettingInfo read;
+    QVERIFY(mDb->deserialize(&read));
+    QCOMPARE(read.mVersion, QStringLiteral("1.0"));
+    QCOMPARE(read.mDownloadDir, QStringLiteral("/home/u/Downloads"));
+    QCOMPARE(read.mItunesDir, QStringLiteral("/home/u/Music/iTunes"));
+    QCOMPARE(read.mIpaCheck, 0);
+    QCOMPARE(read.mIpaInstall, 1);
+    QCOMPARE(read.mAutoUpgrade, 1);
+
+    read.mVersion = "1.1";
+    read.mAutoUpgrade = 0;
+    log.clear();
+    mDb->updateSetting(&read);
+    QVERIFY(log.hasLine(
+        QStringLiteral("\"UPDATE table_setting SET pcversion='1.1',downloaddir='/home/u/"
+                       "Downloads',itunesdir='/home/u/Music/iTunes',ipacheck=0,"
+                       "ipainstall=1,autoupgrade=0 WHERE pcversion <> ''\"")));
+    // A folder with an apostrophe cannot be stored by an update: the old value stays.
+    SettingInfo quoted = read;
+    quoted.mDownloadDir = "/home/o'brien";
+    mDb->updateSetting(&quoted);
+
+    SettingInfo again;
+    QVERIFY(mDb->deserialize(&again));
+    QCOMPARE(again.mVersion, QStringLiteral("1.1"));
+    QCOMPARE(again.mDownloadDir, QStringLiteral("/home/u/Downloads"));
+    QCOMPARE(again.mAutoUpgrade, 0);
+    QSqlQuery count("SELECT count(*) FROM table_setting");
+    QVERIFY(count.next());
+    QCOMPARE(count.value(0).toInt(), 1);
+}
+
+void TestDBManager::settingsWithoutVersionStayInvisible()
+{
+    SettingInfo blank;
+    mDb->setDefaultSettingIfNotExists(&blank);
+    mDb->setDefaultSettingIfNotExists(&blank);
+    QVERIFY(!mDb->settingExists());
+    SettingInfo read;
+    QVERIFY(!mDb->deserialize(&read));
+    QSqlQuery count("SELECT count(*) FROM table_setting");
+    QVERIFY(count.next());
+    QCOMPARE(count.value(0).toInt(), 2);
+}
+
+void TestDBManager::downloadSlotIsTakeOnce()
+{
+    QString text = "untouched";
+    QVERIFY(!mDb->getDownloading(text));
+
+    // The first save inserts through a bound value, so an apostrophe is fine.
+    mDb->saveDownloading("it's a list");
+    QVERIFY(mDb->getDownloading(text));
+    QCOMPARE(text, QStringLiteral("it's a list"));
+    text = "untouched";
+    QVERIFY(!mDb->getDownloading(text));
+    QCOMPARE(text, QStringLiteral("untouched"));
+
+    mDb->saveDownloading("a;b;c");
+    mDb->saveDownloading("d;e");
+    QVERIFY(mDb->getDownloading(text));
+    QCOMPARE(text, QStringLiteral("d;e"));
+
+    // Later saves update in place: an apostrophe is refused and the slot keeps its text.
+    mDb->saveDownloading("kept");
+    kavreltest::LogCapture log;
+    mDb->saveDownloading("x' OR '1'='1");
+    QVERIFY(log.hasLine(QStringLiteral("failed saveDownloading when update")));
+    QVERIFY(mDb->getDownloading(text));
+    QCOMPARE(text, QStringLiteral("kept"));
+
+    mDb->saveDownloading(QString());
+    QVERIFY(!mDb->getDownloading(text));
+    QSqlQuery count("SELECT count(*) FROM table_utils");
+    QVERIFY(count.next());
+    QCOMPARE(count.value(0).toInt(), 1); // the slot row is kept, never duplicated
+}
+
+void TestDBManager::dropClosesConnection()
+{
+    storeWithFlags("com.example.before-drop", {1, 0, 0});
+    kavreltest::LogCapture log;
+    mDb->drop();
+    QVERIFY(log.hasLine(QStringLiteral("DBManager::drop")));
+    QVERIFY(!mDb->appExists("com.example.before-drop"));
+    QVERIFY(!mDb->execQuery(QStringLiteral("SELECT 1")));
+    QVERIFY(log.contains(QStringLiteral("Error: failed to exec query: ")));
+    QCOMPARE(DBManager::instance(), mDb);
+    QVERIFY(QFileInfo(Utility::dataPath() + "norvahelper.db").size() > 0);
+}
+
+KAVREL_TEST_MAIN(TestDBManager)
+#include "tst_dbmanager.moc"

@@ -1,0 +1,109 @@
+// kavrel ipa: parse local .ipa files, print each record and keep it in the catalog.
+
+#include "CatalogCommon.h"
+#include "Command.h"
+#include "DeviceCommon.h"
+
+#include "DBManager.h"
+#include "IpaParser.h"
+#include "Utility.h"
+
+#include <QFileInfo>
+
+using namespace kavrelcli;
+
+namespace {
+
+QString recordJson(const IpaParser::IpaInfo& info)
+{
+    QVariantMap map;
+    map.insert(QStringLiteral("bundle_id"), info.mAppId);
+    map.insert(QStringLiteral("appname"), info.mAppName);
+    map.insert(QStringLiteral("version"), info.mVersion);
+    map.insert(QStringLiteral("comp"), info.mMinOsVer);
+    map.insert(QStringLiteral("apptype"), info.mAppType);
+    map.insert(QStringLiteral("appleid"), info.mAppleId);
+    map.insert(QStringLiteral("devices"), info.mDevices.join(QLatin1Char(',')));
+    map.insert(QStringLiteral("iconname"), info.mIconName);
+    map.insert(QStringLiteral("iconsize"), info.mIcon.size());
+    map.insert(QStringLiteral("ipapath"), info.mIpaPath);
+    map.insert(QStringLiteral("ipasize"), qulonglong(info.mIpaSize));
+    map.insert(QStringLiteral("appsize"), qulonglong(info.mAppSize));
+    map.insert(QStringLiteral("docsize"), qulonglong(info.mDocSize));
+    map.insert(QStringLiteral("inlocal"), info.mInLocal);
+    map.insert(QStringLiteral("indevice"), info.mInDevice);
+    map.insert(QStringLiteral("fromdownload"), info.mFromDownload);
+    return Utility::toJsonString(map);
+}
+
+// Why a file gives no record the catalog could keep; empty when it gives one.
+QString parseProblem(const QString& file, IpaParser::IpaInfo& info)
+{
+    if (!QFileInfo(file).isFile())
+        return QStringLiteral("no such file");
+    if (!IpaParser::parseIpa(file, &info))
+        return QStringLiteral("not an .ipa archive with a readable Info.plist");
+    if (info.mAppId.isEmpty())
+        return QStringLiteral("the first Info.plist in the archive names no bundle identifier");
+    // The catalog finds rows by identifier through quoted SQL text, where an apostrophe
+    // never matches: such a record could be stored once but never found again.
+    if (info.mAppId.contains(QLatin1Char('\'')))
+        return QStringLiteral("bundle identifier holds an apostrophe");
+    return QString();
+}
+
+int runIpa(const QStringList& args)
+{
+    QCommandLineParser parser;
+    parser.addPositionalArgument(QStringLiteral("FILE"), QStringLiteral(".ipa files to add."),
+                                 QStringLiteral("FILE..."));
+    int code = 0;
+    if (!parseCommandLine(parser, QStringLiteral("ipa"), args, code))
+        return code;
+    const QStringList files = parser.positionalArguments();
+    if (files.isEmpty()) {
+        err() << "kavrel ipa: give at least one .ipa file\n";
+        err().flush();
+        return 2;
+    }
+    quietLibraryLog();
+    DBManager* db = openCatalog(QStringLiteral("ipa"));
+    if (!db)
+        return 1;
+
+    int failures = 0;
+    for (const QString& file : files) {
+        IpaParser::IpaInfo info;
+        const QString problem = parseProblem(file, info);
+        if (!problem.isEmpty()) {
+            err() << "kavrel ipa: " << file << ": " << problem << "\n";
+            err().flush();
+            ++failures;
+            continue;
+        }
+        info.mInLocal = true;
+        info.mIpaPath = QFileInfo(file).absoluteFilePath();
+        // The catalog lists only apps with a name; an app without a display name is
+        // listed under its file's name rather than not at all.
+        if (info.mAppName.isEmpty())
+            info.mAppName = QFileInfo(file).completeBaseName();
+        db->saveAppinfo(&info);
+        // A row that existed before keeps its icon; one without an icon gets this one.
+        if (!info.mIcon.isEmpty())
+            db->saveAppIcon(info.mAppId, info.mIcon);
+        if (!db->appExists(info.mAppId)) {
+            err() << "kavrel ipa: " << file << ": could not store the record in the catalog\n";
+            err().flush();
+            ++failures;
+            continue;
+        }
+        out() << recordJson(info) << "\n";
+        out().flush();
+    }
+    return failures ? 1 : 0;
+}
+
+} // namespace
+
+KAVREL_COMMAND("ipa", "FILE...", "Read .ipa files and keep them in the catalog as local apps",
+               runIpa);
