@@ -188,7 +188,9 @@ private:
         return sendPacket(OpStatus, data);
     }
 
-    bool sendData(const std::string& bytes) { return sendPacket(OpData, bytes); }
+    // Data answers carry their bytes after the header part, as a device sends them:
+    // hosts read the header part with a single receive but loop over the rest.
+    bool sendData(const std::string& bytes) { return sendPacket(OpData, std::string(), bytes); }
 
     bool skipPayload()
     {
