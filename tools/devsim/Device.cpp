@@ -1,5 +1,6 @@
 #include "Device.h"
 
+#include "FixedKeys.h"
 #include "Json.h"
 #include "Log.h"
 #include "Png.h"
@@ -36,9 +37,9 @@ const HostKeys& hostKeys()
     static std::once_flag once;
     static HostKeys keys;
     std::call_once(once, [] {
-        keys.rootKey = generateRsaKeyPem();
+        keys.rootKey = kFixedRootKey;
         keys.rootCert = makeCertificatePem(keys.rootKey, keys.rootKey, "kavrel-devsim root");
-        keys.hostKey = generateRsaKeyPem();
+        keys.hostKey = kFixedHostKey;
         keys.hostCert = makeCertificatePem(keys.hostKey, keys.rootKey, "kavrel-devsim host");
     });
     return keys;
@@ -217,6 +218,7 @@ bool Device::build(plist_t profile, const std::string& profileDir, const std::st
     }
     mProductId = static_cast<uint32_t>(dictUInt(profile, "productId", 0x12a8));
     mJailbroken = dictBool(profile, "jailbroken", false);
+    mUniqueKey = dictBool(profile, "uniqueKey", false);
     loadFaults(dictItem(profile, "faults", PLIST_DICT));
     for (const char* key : kReadOnlyKeys)
         mReadOnlyKeys.insert(key);
@@ -294,7 +296,7 @@ bool Device::loadIdentity(std::string* error)
     const std::string keyPath = mStatePath + "/device-key.pem";
     const std::string certPath = mStatePath + "/device-cert.pem";
     if (!readWholeFile(keyPath, &mIdentity.keyPem) || mIdentity.keyPem.empty()) {
-        mIdentity.keyPem = generateRsaKeyPem();
+        mIdentity.keyPem = mUniqueKey ? generateRsaKeyPem() : std::string(kFixedDeviceKey);
         writeWholeFile(keyPath, mIdentity.keyPem);
         ::chmod(keyPath.c_str(), 0600);
     }

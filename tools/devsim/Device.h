@@ -158,6 +158,7 @@ private:
     uint32_t mDeviceId = 0;
     uint32_t mProductId = 0x12a8;
     bool mJailbroken = false;
+    bool mUniqueKey = false; // generate a key of its own instead of the fixed one
     Faults mFaults;
     std::string mStatePath;
 
