@@ -343,11 +343,11 @@ void TestServiceControl::logLinesOfOneRun_data()
     QTest::newRow("check")
         << "check" << QByteArray("echo RUNNING; exit 3\n")
         << QStringList{"CProcCheckAMD::checkIfRunning",
-                       "CProcBase::slotProcStateChanged, state:  1",
-                       "CProcBase::slotProcStateChanged, state:  2",
-                       "CProcBase::slotProcStateChanged, state:  0",
+                       "CProcBase::slotProcStateChanged, state: 1",
+                       "CProcBase::slotProcStateChanged, state: 2",
+                       "CProcBase::slotProcStateChanged, state: 0",
                        "CProcCheckAMD::slotProcFinished, exitCode: 3, exitStatus: 0",
-                       "CProcBase::slotProcFinished, exitCode:  3",
+                       "CProcBase::slotProcFinished, exitCode: 3",
                        "CProcCheckAMD::~CProcCheckAMD",
                        "CProcBase::~CProcBase"}
         << "result: ";
@@ -355,8 +355,8 @@ void TestServiceControl::logLinesOfOneRun_data()
         << "start" << QByteArray("echo 'SERVICE_EXIT_CODE : 0'; exit 2\n")
         << QStringList{"CProcStartAMD::startAMD",
                        "CProcStartAMD::slotProcFinished, exitCode:  2 , exitStatus 0",
-                       "CProcBase::slotProcFinished, exitCode:  2",
-                       "result:  \"SERVICE_EXIT_CODE : 0\\n\"", "CProcBase::~CProcBase"}
+                       "CProcBase::slotProcFinished, exitCode: 2",
+                       "result: \"SERVICE_EXIT_CODE : 0\\n\"", "CProcBase::~CProcBase"}
         << "";
     QTest::newRow("start without output")
         << "start" << QByteArray("exit 0\n")
@@ -490,8 +490,8 @@ void TestServiceControl::unstartableScSendsNoAnswer()
     kavreltest::LogCapture log;
     Wrapper wrapper(kind);
     wrapper.request();
-    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcError, error:  0"), qPrintable(log.dump()));
-    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcStateChanged, state:  0"), qPrintable(log.dump()));
+    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcError, error: 0"), qPrintable(log.dump()));
+    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcStateChanged, state: 0"), qPrintable(log.dump()));
     QTest::qWait(200);
     QCOMPARE(wrapper.answers->count(), 0);
     QVERIFY(!log.contains("slotProcFinished"));
