@@ -172,27 +172,6 @@ private:
     bool mOk = false;
 };
 
-struct Finished
-{
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-Finished runProgram(const QString& program, const QStringList& args, const QProcessEnvironment& env)
-{
-    QProcess process;
-    process.setProcessEnvironment(env);
-    process.start(program, args);
-    Finished result;
-    if (!process.waitForFinished(30000))
-        return result;
-    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
-    return result;
-}
-
 } // namespace
 
 class TestServiceControl : public QObject
@@ -572,7 +551,8 @@ void TestServiceControl::shippedSc()
         env.insert("KAVREL_USBMUXD", program);
     }
 
-    const Finished run = runProgram(QStringLiteral(KAVREL_SOURCE_DIR "/scripts/sc"), args, env);
+    const kavreltest::ProgramRun run =
+        kavreltest::runProgram(QStringLiteral(KAVREL_SOURCE_DIR "/scripts/sc"), args, env);
     QVERIFY2(run.out.contains(expected), run.out.constData());
     QCOMPARE(run.exitCode, exitCode);
     QCOMPARE(run.err, QByteArray());
@@ -658,7 +638,8 @@ void TestServiceControl::hostCommand()
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     // Without a script the folder alone, so that no other sc can be found.
     env.insert("PATH", script.isEmpty() ? dir.path() : dir.path() + ":/usr/bin:/bin");
-    const Finished run = runProgram(QStringLiteral(KAVREL_CLI), QStringList{"service"} + args, env);
+    const kavreltest::ProgramRun run =
+        kavreltest::runProgram(QStringLiteral(KAVREL_CLI), QStringList{"service"} + args, env);
     QCOMPARE(run.exitCode, exitCode);
     QVERIFY2(run.out.contains(out), run.out.constData());
     QVERIFY2(run.err.contains(err), run.err.constData());
