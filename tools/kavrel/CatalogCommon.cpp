@@ -14,8 +14,8 @@ DBManager* openCatalog(const QString& command)
     DBManager* db = DBManager::instance();
     // The catalog only logs a failed open; ask the connection itself.
     if (!QSqlDatabase::database(QSqlDatabase::defaultConnection, false).isOpen()) {
-        err() << "kavrel " << command << ": cannot open the catalog "
-              << Utility::dataPath() << "norvahelper.db\n";
+        err() << "kavrel " << command << ": cannot open the catalog " << Utility::dataPath()
+              << "norvahelper.db\n";
         err().flush();
         return nullptr;
     }
