@@ -9,6 +9,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QTemporaryDir>
 
 namespace {
@@ -44,6 +46,7 @@ private slots:
     void init();
     void ipaThenCatalogThenIcon();
     void brokenFilesLeaveCatalogAsItWas();
+    void readdingKeepsDeviceSizes();
     void hostSuppliesDefaultIcon();
     void usageErrors_data();
     void usageErrors();
@@ -167,6 +170,33 @@ void TestCatalogCli::brokenFilesLeaveCatalogAsItWas()
     QVERIFY(after.contains("com.example.later"));
     QCOMPARE(QString(after).replace(QRegularExpression(", \\{[^}]*com.example.later[^}]*\\}"), ""),
              before);
+}
+
+void TestCatalogCli::readdingKeepsDeviceSizes()
+{
+    const QString path = writeIpa("sized.ipa", "com.example.sized", "Sized", "icon");
+    QCOMPARE(kavrel({"ipa", path}).code, 0);
+    {
+        // The app is also on a device, whose sizes were measured meanwhile.
+        QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "catalog");
+        db.setDatabaseName(mHome->filePath("Documents/norva/norvahelper.db"));
+        QVERIFY(db.open());
+        QVERIFY(QSqlQuery(db).exec("UPDATE table_appinfo SET appsize=5000, docsize=600, "
+                                   "indevice=1 WHERE appid='com.example.sized'"));
+        db.close();
+    }
+    QSqlDatabase::removeDatabase("catalog");
+
+    QCOMPARE(kavrel({"ipa", path}).code, 0);
+    const QJsonObject app = QJsonDocument::fromJson(kavrel({"catalog", "device"}).out.toUtf8())
+                                .object()["apps"]
+                                .toArray()
+                                .first()
+                                .toObject();
+    QCOMPARE(app["bundle_id"].toString(), QStringLiteral("com.example.sized"));
+    QCOMPARE(app["appsize"].toInt(), 5000);
+    QCOMPARE(app["docsize"].toInt(), 600);
+    QCOMPARE(qint64(app["ipasize"].toDouble()), QFileInfo(path).size());
 }
 
 void TestCatalogCli::hostSuppliesDefaultIcon()

@@ -52,6 +52,17 @@ QString parseProblem(const QString& file, IpaParser::IpaInfo& info)
     return QString();
 }
 
+// Saving overwrites every size column. The bundle and documents sizes describe the app
+// as installed on a device, which a file cannot tell, so a known app keeps its measured ones.
+void keepDeviceSizes(DBManager* db, IpaParser::IpaInfo& info)
+{
+    IpaParser::IpaInfo stored;
+    if (!db->getAppById(info.mAppId, &stored))
+        return;
+    info.mAppSize = stored.mAppSize;
+    info.mDocSize = stored.mDocSize;
+}
+
 int runIpa(const QStringList& args)
 {
     QCommandLineParser parser;
@@ -87,6 +98,7 @@ int runIpa(const QStringList& args)
         // listed under its file's name rather than not at all.
         if (info.mAppName.isEmpty())
             info.mAppName = QFileInfo(file).completeBaseName();
+        keepDeviceSizes(db, info);
         db->saveAppinfo(&info);
         // A row that existed before keeps its icon; one without an icon gets this one.
         if (!info.mIcon.isEmpty())
