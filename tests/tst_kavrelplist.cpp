@@ -1,6 +1,7 @@
 // `kavrel plist FILE` run as a user would run it: output on stdout, one-line errors on
 // stderr, and the exit status.
 
+#include "PlistBytes.h"
 #include "TestSupport.h"
 
 #include <QProcess>
@@ -53,20 +54,6 @@ plist_t richSample()
     return d;
 }
 
-QByteArray serialize(plist_t node, bool binary)
-{
-    char* bytes = nullptr;
-    uint32_t length = 0;
-    if (binary)
-        plist_to_bin(node, &bytes, &length);
-    else
-        plist_to_xml(node, &bytes, &length);
-    QByteArray out(bytes, int(length));
-    free(bytes);
-    plist_free(node);
-    return out;
-}
-
 } // namespace
 
 class TestKavrelPlist : public QObject
@@ -88,12 +75,16 @@ void TestKavrelPlist::renders_data()
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<QByteArray>("output");
 
-    QTest::newRow("binary") << serialize(sample(), true) << QByteArray("{\"A\":1,\"B\":\"x\"},\n");
-    QTest::newRow("XML") << serialize(sample(), false) << QByteArray("{\"A\":1,\"B\":\"x\"},\n");
+    QTest::newRow("binary") << kavreltest::plistBytes(sample(), true)
+                            << QByteArray("{\"A\":1,\"B\":\"x\"},\n");
+    QTest::newRow("XML") << kavreltest::plistBytes(sample(), false)
+                         << QByteArray("{\"A\":1,\"B\":\"x\"},\n");
     const QByteArray rich = "{\"Name\":\"Jos\xc3\xa9's iPhone\",\"Ok\":\"true\",\"Ratio\":0.5,"
                             "\"List\":[1\"two\"],\"Blob\":\"YWJj\",},\n";
-    QTest::newRow("binary, every kind, UTF-8 out") << serialize(richSample(), true) << rich;
-    QTest::newRow("XML, every kind, UTF-8 out") << serialize(richSample(), false) << rich;
+    QTest::newRow("binary, every kind, UTF-8 out")
+        << kavreltest::plistBytes(richSample(), true) << rich;
+    QTest::newRow("XML, every kind, UTF-8 out")
+        << kavreltest::plistBytes(richSample(), false) << rich;
     QTest::newRow("top-level array")
         << QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>a</string>"
                       "<integer>2</integer></array></plist>")
@@ -128,9 +119,10 @@ void TestKavrelPlist::refuses_data()
                                << "is not a property list";
     QTest::newRow("binary magic before XML")
         << "disguised.plist"
-        << "bplist00" + serialize(sample(), false) << true << "is not a property list";
-    QTest::newRow("truncated binary") << "truncated.plist" << serialize(sample(), true).left(20)
-                                      << true << "is not a property list";
+        << "bplist00" + kavreltest::plistBytes(sample(), false) << true << "is not a property list";
+    QTest::newRow("truncated binary")
+        << "truncated.plist" << kavreltest::plistBytes(sample(), true).left(20) << true
+        << "is not a property list";
 }
 
 void TestKavrelPlist::refuses()

@@ -1,16 +1,13 @@
 // IpaParser: reading app records out of .ipa archives built here at run time.
 
 #include "IpaParser.h"
+#include "PlistBytes.h"
 #include "TestSupport.h"
 #include "ZipBuilder.h"
 
 #include <QFileInfo>
 #include <QImage>
 #include <QTemporaryDir>
-
-#include <plist/plist.h>
-
-#include <cstdlib>
 
 using Entries = QList<QPair<QString, QByteArray>>;
 Q_DECLARE_METATYPE(Entries)
@@ -46,17 +43,7 @@ plist_t toPlistNode(const QVariant& value)
 
 QByteArray plistBytes(const QVariantMap& map, bool binary)
 {
-    plist_t root = toPlistNode(map);
-    char* bytes = nullptr;
-    uint32_t length = 0;
-    if (binary)
-        plist_to_bin(root, &bytes, &length);
-    else
-        plist_to_xml(root, &bytes, &length);
-    const QByteArray result(bytes, int(length));
-    free(bytes);
-    plist_free(root);
-    return result;
+    return kavreltest::plistBytes(toPlistNode(map), binary);
 }
 
 QVariantMap sampleInfo()
