@@ -47,6 +47,7 @@ private slots:
     void ipaThenCatalogThenIcon();
     void brokenFilesLeaveCatalogAsItWas();
     void readdingKeepsDeviceSizes();
+    void refusedUpdateIsReported();
     void hostSuppliesDefaultIcon();
     void usageErrors_data();
     void usageErrors();
@@ -197,6 +198,24 @@ void TestCatalogCli::readdingKeepsDeviceSizes()
     QCOMPARE(app["appsize"].toInt(), 5000);
     QCOMPARE(app["docsize"].toInt(), 600);
     QCOMPARE(qint64(app["ipasize"].toDouble()), QFileInfo(path).size());
+}
+
+void TestCatalogCli::refusedUpdateIsReported()
+{
+    // A name with an apostrophe is stored by the first save (a bound insert), but the
+    // catalog refuses to update the row with it: the second file must not pass as added.
+    const QString first = writeIpa("first.ipa", "com.example.toms", "Tom's Game", "icon");
+    const QString second = writeIpa("second.ipa", "com.example.toms", "Tom's Game", "icon");
+    QCOMPARE(kavrel({"ipa", first}).code, 0);
+    const QString before = kavrel({"catalog", "local"}).out;
+    QVERIFY(before.contains("Tom's Game"));
+
+    QCOMPARE(kavrel({"ipa", first}).code, 0); // nothing to change: the row already says so
+    const Run r = kavrel({"ipa", second});
+    QCOMPARE(r.code, 1);
+    QVERIFY(r.out.isEmpty());
+    QVERIFY2(r.err.contains(second) && r.err.contains("apostrophe"), qPrintable(r.err));
+    QCOMPARE(kavrel({"catalog", "local"}).out, before);
 }
 
 void TestCatalogCli::hostSuppliesDefaultIcon()
