@@ -17,3 +17,49 @@ demo() { echo; echo "\$ kavrel $*"; "$kavrel" "$@"; }
 
 "$kavrel" --help
 demo service check || true
+
+# Devices: a real one when attached, otherwise the simulated iPhone on a private socket.
+devsim="$root/build/tools/devsim/kavrel-devsim"
+sim_pid=""
+sim_dir=""
+stop_sim() {
+  if [ -n "$sim_pid" ]; then
+    kill "$sim_pid" 2>/dev/null || true
+    wait "$sim_pid" 2>/dev/null || true
+    sim_pid=""
+  fi
+  [ -n "$sim_dir" ] && rm -rf "$sim_dir"
+  sim_dir=""
+}
+trap stop_sim EXIT
+if [ -z "$(idevice_id -l 2>/dev/null || true)" ] && [ -x "$devsim" ]; then
+  sim_dir=$(mktemp -d)
+  sock="$sim_dir/usbmuxd.sock"
+  "$devsim" --socket "$sock" --state "$sim_dir/state" iphone >"$sim_dir/devsim.log" 2>&1 &
+  sim_pid=$!
+  export USBMUXD_SOCKET_ADDRESS="UNIX:$sock"
+  for _ in $(seq 100); do
+    "$devsim" ctl --socket "$sock" list >/dev/null 2>&1 && break
+    sleep 0.1
+  done
+  echo
+  echo "(no device attached: using kavrel-devsim's simulated iPhone at $sock)"
+fi
+
+demo devices || true
+demo info --pretty || true
+
+if [ -n "$sim_pid" ]; then
+  # Hot-plug: a second simulated device comes and goes while kavrel watch listens.
+  echo
+  echo "\$ kavrel watch    (while a simulated iPad is attached and detached)"
+  "$kavrel" watch &
+  watch_pid=$!
+  sleep 1
+  udid=$("$devsim" ctl --socket "$sock" attach ipad-jailbroken | sed -n 's/^OK //p')
+  sleep 1
+  [ -n "$udid" ] && "$devsim" ctl --socket "$sock" detach "$udid" >/dev/null
+  sleep 1
+  kill -INT "$watch_pid" 2>/dev/null || true
+  wait "$watch_pid" 2>/dev/null || true
+fi

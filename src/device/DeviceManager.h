@@ -14,7 +14,7 @@ class DeviceAppListParallel;
 class DeviceInstallerParallel;
 class DeviceAppSizeParallel;
 class DeviceAppIconParallel;
-struct OperationInfo;
+class OperationInfo;
 
 // The facade a host drives from its own thread: each request becomes a background
 // job, and the jobs' results come back as this object's signals, on the host's thread.

@@ -93,7 +93,7 @@ void printSummary(const QString& doc)
     if (doc.contains(QStringLiteral("\"disk_usage\":"))) {
         out() << "Disk use:\n";
         for (const auto& kind : kinds) {
-            out() << "  " << QString::fromLatin1(kind.label).leftJustified(12)
+            out() << "  " << QString::fromLatin1(kind.label).leftJustified(14)
                   << humanBytes(
                          valueOf(doc, QString::fromLatin1(kind.key), QStringLiteral("disk_usage")))
                   << "\n";

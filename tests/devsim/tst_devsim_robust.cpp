@@ -1,0 +1,547 @@
+// kavrel-devsim under hostile and heavy use: malformed usbmuxd, lockdown and AFC input
+// gets an error answer or a closed connection, never a crash, and eight clients are
+// served at the same time.
+
+#include "DevSim.h"
+#include "TestSupport.h"
+
+#include <libimobiledevice/afc.h>
+#include <libimobiledevice/libimobiledevice.h>
+#include <libimobiledevice/lockdown.h>
+#include <plist/plist.h>
+
+#include <QCryptographicHash>
+#include <QElapsedTimer>
+#include <QSemaphore>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using kavreltest::DevSim;
+
+namespace {
+
+const QString kPhone = "a1b2c3d4e5f60718293a4b5c6d7e8f9012345678";
+
+QByteArray le32(quint32 v)
+{
+    QByteArray out(4, '\0');
+    for (int i = 0; i < 4; ++i)
+        out[i] = char((v >> (8 * i)) & 0xFF);
+    return out;
+}
+
+QByteArray le64(quint64 v)
+{
+    QByteArray out(8, '\0');
+    for (int i = 0; i < 8; ++i)
+        out[i] = char((v >> (8 * i)) & 0xFF);
+    return out;
+}
+
+QByteArray plistXml(plist_t dict)
+{
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(dict, &xml, &length);
+    QByteArray out(xml, int(length));
+    free(xml);
+    plist_free(dict);
+    return out;
+}
+
+QByteArray muxPacket(const QByteArray& body, quint32 version = 1, quint32 type = 8, quint32 tag = 1)
+{
+    return le32(quint32(16 + body.size())) + le32(version) + le32(type) + le32(tag) + body;
+}
+
+QByteArray muxRequest(const char* messageType, quint64 deviceId = 0, int port = -1)
+{
+    plist_t dict = plist_new_dict();
+    plist_dict_set_item(dict, "MessageType", plist_new_string(messageType));
+    if (deviceId)
+        plist_dict_set_item(dict, "DeviceID", plist_new_uint(deviceId));
+    if (port >= 0)
+        plist_dict_set_item(dict, "PortNumber", plist_new_uint(htons(quint16(port))));
+    return muxPacket(plistXml(dict));
+}
+
+// A raw client of the simulator's usbmuxd socket.
+class RawClient
+{
+public:
+    explicit RawClient(const QString& path)
+    {
+        mFd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, path.toLocal8Bit().constData(), sizeof(addr.sun_path) - 1);
+        if (::connect(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+            ::close(mFd);
+            mFd = -1;
+        }
+    }
+    ~RawClient()
+    {
+        if (mFd >= 0)
+            ::close(mFd);
+    }
+    bool ok() const { return mFd >= 0; }
+    bool send(const QByteArray& bytes)
+    {
+        return ::send(mFd, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL) == bytes.size();
+    }
+    // Exactly size bytes, or fewer when the peer closes or the time runs out.
+    QByteArray read(int size, int timeoutMs = 5000)
+    {
+        QByteArray out;
+        QElapsedTimer timer;
+        timer.start();
+        while (out.size() < size && timer.elapsed() < timeoutMs) {
+            pollfd p{mFd, POLLIN, 0};
+            if (::poll(&p, 1, 100) <= 0)
+                continue;
+            char buffer[65536];
+            ssize_t n = ::recv(mFd, buffer, size_t(qMin(size - out.size(), int(sizeof buffer))), 0);
+            if (n <= 0) {
+                mClosed = true;
+                break;
+            }
+            out.append(buffer, int(n));
+        }
+        return out;
+    }
+    bool closedByPeer(int timeoutMs = 5000)
+    {
+        read(1 << 20, timeoutMs);
+        return mClosed;
+    }
+    // One usbmuxd answer: the Result number, or -1 for a plist without one, -2 for none.
+    qint64 muxResult(plist_t* answer = nullptr)
+    {
+        QByteArray header = read(16);
+        if (header.size() < 16)
+            return -2;
+        quint32 length = quint32(uchar(header[0])) | quint32(uchar(header[1])) << 8 |
+                         quint32(uchar(header[2])) << 16 | quint32(uchar(header[3])) << 24;
+        QByteArray body = read(int(length) - 16);
+        plist_t dict = nullptr;
+        plist_from_xml(body.constData(), uint32_t(body.size()), &dict);
+        qint64 result = -1;
+        if (plist_t number = dict ? plist_dict_get_item(dict, "Number") : nullptr) {
+            uint64_t v = 0;
+            plist_get_uint_val(number, &v);
+            result = qint64(v);
+        }
+        if (answer)
+            *answer = dict;
+        else if (dict)
+            plist_free(dict);
+        return result;
+    }
+    // Connects through usbmuxd to a device port; true when the simulator accepted.
+    bool connectTo(quint64 deviceId, int port)
+    {
+        return send(muxRequest("Connect", deviceId, port)) && muxResult() == 0;
+    }
+    // A lockdown/service message: 32-bit big-endian length and XML.
+    bool sendPlistMessage(const QByteArray& body)
+    {
+        QByteArray length(4, '\0');
+        quint32 n = quint32(body.size());
+        for (int i = 0; i < 4; ++i)
+            length[i] = char((n >> (8 * (3 - i))) & 0xFF);
+        return send(length + body);
+    }
+    QString lockdownError()
+    {
+        QByteArray length = read(4);
+        if (length.size() < 4)
+            return "<closed>";
+        quint32 n = quint32(uchar(length[0])) << 24 | quint32(uchar(length[1])) << 16 |
+                    quint32(uchar(length[2])) << 8 | quint32(uchar(length[3]));
+        QByteArray body = read(int(n));
+        plist_t dict = nullptr;
+        plist_from_xml(body.constData(), uint32_t(body.size()), &dict);
+        QString error;
+        if (plist_t node = dict ? plist_dict_get_item(dict, "Error") : nullptr) {
+            char* text = nullptr;
+            plist_get_string_val(node, &text);
+            error = QString::fromUtf8(text);
+            free(text);
+        }
+        if (dict)
+            plist_free(dict);
+        return error;
+    }
+
+private:
+    int mFd = -1;
+    bool mClosed = false;
+};
+
+QByteArray afcPacket(quint64 op, const QByteArray& data, quint64 packetNumber = 1,
+                     qint64 thisLengthOverride = -1)
+{
+    quint64 thisLength = thisLengthOverride >= 0 ? quint64(thisLengthOverride) : 40 + data.size();
+    return QByteArray("CFA6LPAA") + le64(40 + data.size()) + le64(thisLength) + le64(packetNumber) +
+           le64(op) + data;
+}
+
+// The AFC status code of one answer, or -1.
+qint64 afcStatus(RawClient& client)
+{
+    QByteArray header = client.read(40);
+    if (header.size() < 40 || !header.startsWith("CFA6LPAA"))
+        return -1;
+    auto u64 = [&header](int at) {
+        quint64 v = 0;
+        for (int i = 7; i >= 0; --i)
+            v = (v << 8) | uchar(header[at + i]);
+        return v;
+    };
+    QByteArray data = client.read(int(u64(8) - 40));
+    if (u64(32) != 1 || data.size() < 8)
+        return -1;
+    quint64 code = 0;
+    for (int i = 7; i >= 0; --i)
+        code = (code << 8) | uchar(data[i]);
+    return qint64(code);
+}
+
+quint32 deviceIdOf(const QString& socketPath, const QString& udid)
+{
+    RawClient client(socketPath);
+    plist_t answer = nullptr;
+    client.send(muxRequest("ListDevices"));
+    client.muxResult(&answer);
+    quint32 id = 0;
+    plist_t list = answer ? plist_dict_get_item(answer, "DeviceList") : nullptr;
+    for (uint32_t i = 0; list && i < plist_array_get_size(list); ++i) {
+        plist_t props = plist_dict_get_item(plist_array_get_item(list, i), "Properties");
+        char* serial = nullptr;
+        plist_get_string_val(plist_dict_get_item(props, "SerialNumber"), &serial);
+        if (serial && udid == serial) {
+            uint64_t v = 0;
+            plist_get_uint_val(plist_dict_get_item(props, "DeviceID"), &v);
+            id = quint32(v);
+        }
+        free(serial);
+    }
+    if (answer)
+        plist_free(answer);
+    return id;
+}
+
+bool deviceStillListed()
+{
+    char** list = nullptr;
+    int count = 0;
+    bool found = false;
+    if (idevice_get_device_list(&list, &count) == IDEVICE_E_SUCCESS) {
+        for (int i = 0; i < count; ++i)
+            found = found || kPhone == list[i];
+        idevice_device_list_free(list);
+    }
+    return found;
+}
+
+} // namespace
+
+class TestDevsimRobust : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void cleanup();
+    void malformedUsbmuxInput_data();
+    void malformedUsbmuxInput();
+    void connectionUsableAfterBadRequest();
+    void malformedLockdownInput_data();
+    void malformedLockdownInput();
+    void malformedAfcInput_data();
+    void malformedAfcInput();
+    void randomBytesNeverCrash();
+    void eightClientsAtOnce();
+
+private:
+    DevSim mSim;
+    quint32 mPhoneId = 0;
+};
+
+void TestDevsimRobust::initTestCase()
+{
+    QString error;
+    QVERIFY2(mSim.start({"iphone"}, &error), qPrintable(error));
+    mPhoneId = deviceIdOf(mSim.socketPath(), kPhone);
+    QVERIFY(mPhoneId != 0);
+}
+
+void TestDevsimRobust::cleanup()
+{
+    // Whatever a test sent, the simulator still runs and still serves.
+    QVERIFY2(mSim.isRunning(), qPrintable(mSim.log()));
+    QVERIFY(deviceStillListed());
+    QVERIFY2(!mSim.log().contains("Sanitizer"), qPrintable(mSim.log()));
+}
+
+void TestDevsimRobust::malformedUsbmuxInput_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<qint64>("expectedResult"); // -2: no answer
+    QTest::addColumn<bool>("closed");
+
+    plist_t noType = plist_new_dict();
+    plist_dict_set_item(noType, "Foo", plist_new_string("bar"));
+    plist_t noPort = plist_new_dict();
+    plist_dict_set_item(noPort, "MessageType", plist_new_string("Connect"));
+    plist_dict_set_item(noPort, "DeviceID", plist_new_uint(1));
+
+    QTest::newRow("truncated header") << QByteArray("\x20\0\0\0\x01\0", 6) << qint64(-2) << true;
+    QTest::newRow("length smaller than header")
+        << le32(8) + le32(1) + le32(8) + le32(1) << qint64(1) << true;
+    QTest::newRow("oversized length")
+        << le32(0x7fffffff) + le32(1) + le32(8) + le32(1) << qint64(1) << true;
+    QTest::newRow("truncated body") << muxRequest("ListDevices").left(40) << qint64(-2) << true;
+    QTest::newRow("invalid plist")
+        << muxPacket("<plist><dict><key>MessageType") << qint64(1) << false;
+    QTest::newRow("binary garbage")
+        << muxPacket(QByteArray("bplist00\xff\xff\xff", 11)) << qint64(1) << false;
+    QTest::newRow("no MessageType") << muxPacket(plistXml(noType)) << qint64(1) << false;
+    QTest::newRow("unknown command") << muxRequest("Explode") << qint64(1) << false;
+    QTest::newRow("binary protocol") << muxPacket(QByteArray(8, '\0'), 0, 3) << qint64(1) << false;
+    QTest::newRow("unknown version") << muxPacket(QByteArray(), 7, 8) << qint64(6) << false;
+    QTest::newRow("connect, unknown device")
+        << muxRequest("Connect", 999, 62078) << qint64(2) << false;
+    QTest::newRow("connect, closed port") << muxRequest("Connect", 1, 50000) << qint64(3) << false;
+    QTest::newRow("connect without port") << muxPacket(plistXml(noPort)) << qint64(1) << false;
+    QTest::newRow("missing pair record") << muxRequest("ReadPairRecord") << qint64(22) << false;
+}
+
+void TestDevsimRobust::malformedUsbmuxInput()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(qint64, expectedResult);
+    QFETCH(bool, closed);
+    RawClient client(mSim.socketPath());
+    QVERIFY(client.ok());
+    QVERIFY(client.send(bytes));
+    if (expectedResult == -2) {
+        // Half a packet and then silence: no answer comes, and closing our side must not
+        // hurt the simulator (checked in cleanup()).
+        QCOMPARE(client.read(1, 300).size(), 0);
+        return;
+    }
+    QCOMPARE(client.muxResult(), expectedResult);
+    if (closed) {
+        QVERIFY(client.closedByPeer());
+    } else {
+        // The connection still answers.
+        QVERIFY(client.send(muxRequest("ReadBUID")));
+        plist_t answer = nullptr;
+        QCOMPARE(client.muxResult(&answer), qint64(-1));
+        QVERIFY(answer && plist_dict_get_item(answer, "BUID"));
+        plist_free(answer);
+    }
+}
+
+void TestDevsimRobust::connectionUsableAfterBadRequest()
+{
+    RawClient client(mSim.socketPath());
+    QVERIFY(client.send(muxRequest("Explode")));
+    QCOMPARE(client.muxResult(), qint64(1));
+    QVERIFY(client.connectTo(mPhoneId, 62078));
+    plist_t query = plist_new_dict();
+    plist_dict_set_item(query, "Request", plist_new_string("QueryType"));
+    QVERIFY(client.sendPlistMessage(plistXml(query)));
+    QCOMPARE(client.lockdownError(), QString()); // an answer without an Error
+}
+
+void TestDevsimRobust::malformedLockdownInput_data()
+{
+    QTest::addColumn<QByteArray>("message"); // sent with the 4-byte length unless raw
+    QTest::addColumn<bool>("raw");
+    QTest::addColumn<QString>("expected"); // Error text, or "<closed>"
+
+    auto request = [](const char* name, const char* service = nullptr) {
+        plist_t dict = plist_new_dict();
+        plist_dict_set_item(dict, "Request", plist_new_string(name));
+        if (service)
+            plist_dict_set_item(dict, "Service", plist_new_string(service));
+        return plistXml(dict);
+    };
+    QTest::newRow("huge length") << QByteArray("\xff\xff\xff\xff", 4) << true << "<closed>";
+    QTest::newRow("truncated message") << QByteArray("\0\0\x10\0<plist>", 11) << true << "<closed>";
+    QTest::newRow("not a plist") << QByteArray("hello lockdown") << false << "InvalidRequest";
+    QTest::newRow("plist is not a dictionary")
+        << QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><string>x</string></plist>")
+        << false << "InvalidRequest";
+    QTest::newRow("unknown request") << request("SelfDestruct") << false << "InvalidRequest";
+    QTest::newRow("service without session")
+        << request("StartService", "com.apple.afc") << false << "SessionInactive";
+    QTest::newRow("service without name") << request("StartService") << false << "MissingService";
+    QTest::newRow("session without host") << request("StartSession") << false << "MissingHostID";
+    QTest::newRow("stop without session") << request("StopSession") << false << "SessionInactive";
+    QTest::newRow("pair without record") << request("Pair") << false << "InvalidPairRecord";
+}
+
+void TestDevsimRobust::malformedLockdownInput()
+{
+    QFETCH(QByteArray, message);
+    QFETCH(bool, raw);
+    QFETCH(QString, expected);
+    RawClient client(mSim.socketPath());
+    QVERIFY(client.connectTo(mPhoneId, 62078));
+    QVERIFY(raw ? client.send(message) : client.sendPlistMessage(message));
+    if (expected == "<closed>") {
+        if (message.size() > 4) {
+            // Half a message, then we close: nothing to observe but survival.
+            QCOMPARE(client.read(1, 300).size(), 0);
+            return;
+        }
+        QVERIFY(client.closedByPeer());
+    } else {
+        QCOMPARE(client.lockdownError(), expected);
+    }
+}
+
+void TestDevsimRobust::malformedAfcInput_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<qint64>("status"); // -1: connection closed
+
+    QTest::newRow("bad magic") << QByteArray("XXXXXXXX") + QByteArray(32, '\0') << qint64(-1);
+    QTest::newRow("header length below 40") << afcPacket(0x0A, "/", 1, 20) << qint64(2);
+    QTest::newRow("oversized operation data") << afcPacket(0x0A, "/", 1, 1ll << 40) << qint64(2);
+    QTest::newRow("read with unknown handle") << afcPacket(0x0F, le64(77) + le64(10)) << qint64(7);
+    QTest::newRow("open without path") << afcPacket(0x0D, le64(1).left(3)) << qint64(7);
+    QTest::newRow("open with bad mode") << afcPacket(0x0D, le64(99) + "/x") << qint64(7);
+    QTest::newRow("unknown operation") << afcPacket(0x99, "") << qint64(6);
+    QTest::newRow("close unknown handle") << afcPacket(0x14, le64(5)) << qint64(7);
+    QTest::newRow("remove the root") << afcPacket(0x08, QByteArray("/", 2)) << qint64(10);
+}
+
+void TestDevsimRobust::malformedAfcInput()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(qint64, status);
+    quint16 port = 0;
+    {
+        idevice_t device = nullptr;
+        lockdownd_client_t lockdown = nullptr;
+        QCOMPARE(idevice_new(&device, kPhone.toLatin1().constData()), IDEVICE_E_SUCCESS);
+        QCOMPARE(lockdownd_client_new_with_handshake(device, &lockdown, "robust"),
+                 LOCKDOWN_E_SUCCESS);
+        lockdownd_service_descriptor_t service = nullptr;
+        QCOMPARE(lockdownd_start_service(lockdown, "com.apple.afc", &service), LOCKDOWN_E_SUCCESS);
+        port = service->port;
+        lockdownd_service_descriptor_free(service);
+        lockdownd_client_free(lockdown);
+        idevice_free(device);
+    }
+    RawClient client(mSim.socketPath());
+    QVERIFY(client.connectTo(mPhoneId, port));
+    QVERIFY(client.send(bytes));
+    if (status < 0)
+        QVERIFY(client.closedByPeer());
+    else
+        QCOMPARE(afcStatus(client), status);
+    // The port was used up by this connection.
+    RawClient again(mSim.socketPath());
+    QVERIFY(again.send(muxRequest("Connect", mPhoneId, port)));
+    QCOMPARE(again.muxResult(), qint64(3));
+}
+
+void TestDevsimRobust::randomBytesNeverCrash()
+{
+    quint32 x = 12345;
+    for (int round = 0; round < 40; ++round) {
+        QByteArray bytes(1 + int(x % 3000), '\0');
+        for (char& c : bytes) {
+            x = x * 1103515245u + 12345u;
+            c = char(x >> 16);
+        }
+        RawClient client(mSim.socketPath());
+        if (round % 2 == 1) {
+            QVERIFY(client.connectTo(mPhoneId, 62078));
+        } else {
+            // Random bytes behind a plausible usbmuxd header.
+            bytes = le32(quint32(16 + bytes.size())) + le32(1) + le32(8) + le32(round) + bytes;
+        }
+        client.send(bytes);
+        client.read(1 << 16, 50);
+    }
+}
+
+void TestDevsimRobust::eightClientsAtOnce()
+{
+    constexpr int kClients = 8;
+    QSemaphore opened;
+    QSemaphore proceed;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kClients; ++i) {
+        threads.emplace_back([&, i] {
+            idevice_t device = nullptr;
+            lockdownd_client_t lockdown = nullptr;
+            afc_client_t afc = nullptr;
+            lockdownd_service_descriptor_t service = nullptr;
+            bool ok = idevice_new(&device, kPhone.toLatin1().constData()) == IDEVICE_E_SUCCESS &&
+                      lockdownd_client_new_with_handshake(device, &lockdown, "eight") ==
+                          LOCKDOWN_E_SUCCESS &&
+                      lockdownd_start_service(lockdown, "com.apple.afc", &service) ==
+                          LOCKDOWN_E_SUCCESS &&
+                      afc_client_new(device, service, &afc) == AFC_E_SUCCESS;
+            opened.release();
+            // Every client holds its sessions open until all eight are in: a simulator
+            // serving one client at a time never gets there.
+            if (!proceed.tryAcquire(1, 60000))
+                ok = false;
+            const QByteArray name = "/Downloads/client" + QByteArray::number(i) + ".bin";
+            QByteArray bytes(256 * 1024 + i, char('a' + i));
+            uint64_t handle = 0;
+            uint32_t done = 0;
+            ok = ok &&
+                 afc_file_open(afc, name.constData(), AFC_FOPEN_WRONLY, &handle) == AFC_E_SUCCESS &&
+                 afc_file_write(afc, handle, bytes.constData(), uint32_t(bytes.size()), &done) ==
+                     AFC_E_SUCCESS &&
+                 afc_file_close(afc, handle) == AFC_E_SUCCESS;
+            plist_t value = nullptr;
+            ok = ok &&
+                 lockdownd_get_value(lockdown, nullptr, "DeviceName", &value) == LOCKDOWN_E_SUCCESS;
+            if (value)
+                plist_free(value);
+            if (!ok)
+                ++failures;
+            if (afc)
+                afc_client_free(afc);
+            if (service)
+                lockdownd_service_descriptor_free(service);
+            if (lockdown)
+                lockdownd_client_free(lockdown);
+            if (device)
+                idevice_free(device);
+        });
+    }
+    const bool allOpened = opened.tryAcquire(kClients, 60000);
+    proceed.release(kClients);
+    for (auto& thread : threads)
+        thread.join();
+    QVERIFY(allOpened);
+    QCOMPARE(failures.load(), 0);
+    for (int i = 0; i < kClients; ++i)
+        QCOMPARE(
+            QFileInfo(mSim.mediaDir(kPhone) + "/Downloads/client" + QString::number(i) + ".bin")
+                .size(),
+            qint64(256 * 1024 + i));
+}
+
+KAVREL_TEST_MAIN(TestDevsimRobust)
+#include "tst_devsim_robust.moc"

@@ -1,0 +1,185 @@
+// The kavrel host's device commands (devices, info, set, watch) run as a user would,
+// against kavrel-devsim.
+
+#include "DeviceManager.h"
+#include "DeviceProfiles.h"
+#include "TestSupport.h"
+
+#include <QProcess>
+#include <QSignalSpy>
+
+#include <csignal>
+
+using namespace kavreltest;
+
+namespace {
+
+struct Run
+{
+    int code = -1;
+    QString out;
+    QStringList errLines;
+};
+
+QProcessEnvironment hostEnvironment()
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    // Keeps Qt's start-up notice about the runtime folder off standard error.
+    static QTemporaryDir runtime;
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime.path());
+    env.remove(QStringLiteral("KAVREL_DEBUG"));
+    return env;
+}
+
+Run kavrel(const QStringList& args)
+{
+    Run run;
+#ifdef KAVREL_CLI
+    QProcess process;
+    process.setProcessEnvironment(hostEnvironment());
+    process.start(QStringLiteral(KAVREL_CLI), args);
+    if (!process.waitForFinished(60000)) {
+        process.kill();
+        process.waitForFinished();
+        return run;
+    }
+    run.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.errLines = QString::fromUtf8(process.readAllStandardError())
+                       .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+#else
+    Q_UNUSED(args);
+#endif
+    return run;
+}
+
+} // namespace
+
+class TestDeviceCommands : public QObject
+{
+    Q_OBJECT
+private slots:
+    void init()
+    {
+        if (!DeviceSim::available())
+            QSKIP("kavrel-devsim is not built");
+#ifndef KAVREL_CLI
+        QSKIP("the kavrel host is not built");
+#endif
+    }
+
+    void noDevice_data()
+    {
+        QTest::addColumn<bool>("simulatorRuns");
+        QTest::addColumn<QStringList>("args");
+        for (bool runs : {false, true}) {
+            const char* where = runs ? "empty simulator" : "no usbmuxd";
+            QTest::addRow("devices, %s", where) << runs << QStringList{"devices"};
+            QTest::addRow("info, %s", where) << runs << QStringList{"info", "--pretty"};
+            QTest::addRow("set, %s", where) << runs << QStringList{"set", "DeviceName", "x"};
+        }
+        QTest::addRow("watch, no usbmuxd") << false << QStringList{"watch"};
+    }
+    void noDevice()
+    {
+        QFETCH(bool, simulatorRuns);
+        QFETCH(QStringList, args);
+        DeviceSim sim;
+        QVERIFY(sim.start());
+        if (!simulatorRuns)
+            sim.stop();
+        const Run run = kavrel(args);
+        QCOMPARE(run.code, 1);
+        QCOMPARE(run.out, QString());
+        QCOMPARE(run.errLines.size(), 1);
+        QVERIFY2(run.errLines.first().startsWith(
+                     QStringLiteral("kavrel %1: no device attached").arg(args.first())),
+                 qPrintable(run.errLines.first()));
+    }
+
+    void devicesAndInfo()
+    {
+        DeviceSim sim;
+        QVERIFY(
+            sim.start({DeviceProfile(testUdid(1), "First"), DeviceProfile(testUdid(2), "Second")}));
+
+        const Run devices = kavrel({"devices"});
+        QCOMPARE(devices.code, 0);
+        QStringList listed = devices.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        listed.sort();
+        QCOMPARE(listed, (QStringList{testUdid(1), testUdid(2)}));
+
+        // The document is the library's, unchanged.
+        DeviceManager manager;
+        QSignalSpy spy(&manager, &DeviceManager::signalDevInfo);
+        manager.getDevInfo(testUdid(2));
+        QVERIFY(spy.wait(30000));
+        const QString document = spy.at(0).at(1).toString();
+        QVERIFY(!document.isEmpty());
+
+        const Run info = kavrel({"info", "--udid", testUdid(2), "--pretty"});
+        QCOMPARE(info.code, 0);
+        const QStringList lines = info.out.split(QLatin1Char('\n'));
+        QCOMPARE(lines.first(), document);
+        QVERIFY2(info.out.contains(QRegularExpression("\nName: +Second\n")), qPrintable(info.out));
+        QVERIFY(info.out.contains(QRegularExpression("\nModel: +iPhone12,1 \\(MWLT2\\)\n")));
+        QVERIFY(info.out.contains(QRegularExpression("\niOS version: +14.4 \\(18D52\\)\n")));
+        QVERIFY(info.out.contains(QRegularExpression("\nSerial: +F2LZK0ABN72J\n")));
+        QVERIFY(info.out.contains(QRegularExpression("\nBattery: +87%\n")));
+        QVERIFY(info.out.contains(QRegularExpression("\n  Applications +1.5 GB\n")));
+        QVERIFY(info.out.contains(QRegularExpression("\n  Videos +7.0 KB\n")));
+        QVERIFY(info.out.contains(QRegularExpression("\nJailbroken: +no\n")));
+
+        const Run wrong = kavrel({"info", "--udid", testUdid(9)});
+        QCOMPARE(wrong.code, 1);
+        QCOMPARE(wrong.errLines.size(), 1);
+    }
+
+    void setThenInfo()
+    {
+        DeviceSim sim;
+        QVERIFY(sim.start({DeviceProfile(testUdid(1))}));
+        const Run set = kavrel({"set", "DeviceName", "Renamed phone"});
+        QCOMPARE(set.code, 0);
+        const Run info = kavrel({"info", "--pretty"});
+        QCOMPARE(info.code, 0);
+        QVERIFY2(info.out.contains(QRegularExpression("\nName: +Renamed phone\n")),
+                 qPrintable(info.out));
+        const Run refused = kavrel({"set", "UniqueDeviceID", "x"});
+        QCOMPARE(refused.code, 1);
+    }
+
+    void watch()
+    {
+        DeviceSim sim;
+        QVERIFY(sim.start());
+        QProcess process;
+        process.setProcessEnvironment(hostEnvironment());
+        process.start(QStringLiteral(KAVREL_CLI), {QStringLiteral("watch")});
+        QVERIFY(process.waitForStarted());
+
+        QByteArray output;
+        const auto waitFor = [&](const QByteArray& text) {
+            for (int i = 0; i < 200 && !output.contains(text); ++i) {
+                process.waitForReadyRead(100);
+                output += process.readAllStandardOutput();
+            }
+            return output.contains(text);
+        };
+        const DeviceProfile phone(testUdid(3));
+        QVERIFY(sim.attach(phone));
+        QVERIFY2(waitFor("attached " + phone.udid().toLatin1() + "\n"), output.constData());
+        QVERIFY(sim.detach(phone.udid()));
+        QVERIFY2(waitFor("detached " + phone.udid().toLatin1() + "\n"), output.constData());
+
+        ::kill(static_cast<pid_t>(process.processId()), SIGINT);
+        QVERIFY(process.waitForFinished(10000));
+        output += process.readAllStandardOutput();
+        QCOMPARE(process.exitCode(), 0);
+        QCOMPARE(output, "attached " + phone.udid().toLatin1() + "\ndetached " +
+                             phone.udid().toLatin1() + "\n");
+    }
+};
+
+KAVREL_TEST_MAIN(TestDeviceCommands)
+#include "tst_devicecommands.moc"
