@@ -10,24 +10,9 @@
 
 namespace {
 
-struct Run
+kavreltest::ProgramRun runKavrel(const QStringList& args)
 {
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-Run runKavrel(const QStringList& args)
-{
-    QProcess p;
-    p.start(QStringLiteral(KAVREL_CLI), args);
-    Run r;
-    if (!p.waitForFinished(60000) || p.exitStatus() != QProcess::NormalExit)
-        return r;
-    r.exitCode = p.exitCode();
-    r.out = p.readAllStandardOutput();
-    r.err = p.readAllStandardError();
-    return r;
+    return kavreltest::runProgram(QStringLiteral(KAVREL_CLI), args);
 }
 
 // The sample document: a dictionary in insertion order with the kinds a device sends.
@@ -97,7 +82,7 @@ void TestKavrelPlist::renders()
     QFETCH(QByteArray, output);
     const QString path = mDir.filePath(QString::fromLatin1(QTest::currentDataTag()) + ".plist");
     QVERIFY(kavreltest::writeFile(path, content));
-    const Run r = runKavrel({QStringLiteral("plist"), path});
+    const kavreltest::ProgramRun r = runKavrel({QStringLiteral("plist"), path});
     QCOMPARE(r.exitCode, 0);
     QCOMPARE(r.out, output);
     QCOMPARE(r.err, QByteArray());
@@ -137,7 +122,7 @@ void TestKavrelPlist::refuses()
     else if (create)
         QVERIFY(kavreltest::writeFile(path, content));
 
-    const Run r = runKavrel({QStringLiteral("plist"), path});
+    const kavreltest::ProgramRun r = runKavrel({QStringLiteral("plist"), path});
     QVERIFY(r.exitCode > 0);
     QCOMPARE(r.out, QByteArray());
     // Exactly one line, naming the file and the reason.
@@ -150,11 +135,12 @@ void TestKavrelPlist::refuses()
 
 void TestKavrelPlist::needsExactlyOneFile()
 {
-    const Run none = runKavrel({QStringLiteral("plist")});
+    const kavreltest::ProgramRun none = runKavrel({QStringLiteral("plist")});
     QCOMPARE(none.exitCode, 2);
     QCOMPARE(none.out, QByteArray());
     QCOMPARE(none.err.count('\n'), 1);
-    const Run help = runKavrel({QStringLiteral("plist"), QStringLiteral("--help")});
+    const kavreltest::ProgramRun help =
+        runKavrel({QStringLiteral("plist"), QStringLiteral("--help")});
     QCOMPARE(help.exitCode, 0);
     QVERIFY(help.out.contains("FILE"));
 }

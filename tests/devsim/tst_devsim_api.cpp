@@ -13,6 +13,7 @@
 
 #include <QCryptographicHash>
 #include <QElapsedTimer>
+#include <QJsonArray>
 #include <QMutex>
 #include <QSet>
 
@@ -194,6 +195,10 @@ private slots:
     void hotPlugEventsReachSubscribers();
     void detachCutsOpenConnections();
     void stateSurvivesRestart();
+    void failingServiceRefusesToStart_data();
+    void failingServiceRefusesToStart();
+    void afcWriteKeepsOnlyPartOfEachWrite();
+    void serviceConnectionDroppedAfterBytes();
 
 private:
     DevSim mSim;
@@ -560,6 +565,91 @@ void TestDevsimApi::stateSurvivesRestart()
     // mSim's environment comes back when the inner simulator stops.
     QVERIFY(qgetenv("USBMUXD_SOCKET_ADDRESS").contains(mSim.socketPath().toUtf8()) ||
             !qEnvironmentVariableIsSet("USBMUXD_SOCKET_ADDRESS"));
+}
+
+void TestDevsimApi::failingServiceRefusesToStart_data()
+{
+    QTest::addColumn<QJsonValue>("failServices");
+    QTest::addColumn<QString>("service");
+    QTest::addColumn<int>("expected");
+    QTest::newRow("named error") << QJsonValue(QJsonObject{{"com.apple.afc", "ServiceLimit"}})
+                                 << "com.apple.afc" << int(LOCKDOWN_E_SERVICE_LIMIT);
+    QTest::newRow("list: prohibited") << QJsonValue(QJsonArray{"com.apple.afc"}) << "com.apple.afc"
+                                      << int(LOCKDOWN_E_SERVICE_PROHIBITED);
+    QTest::newRow("other services still start")
+        << QJsonValue(QJsonArray{"com.apple.mobile.installation_proxy"}) << "com.apple.afc"
+        << int(LOCKDOWN_E_SUCCESS);
+}
+
+void TestDevsimApi::failingServiceRefusesToStart()
+{
+    QFETCH(QJsonValue, failServices);
+    QFETCH(QString, service);
+    QFETCH(int, expected);
+    static int seed = 100;
+    const QString udid = DevSim::makeUdid(++seed);
+    QJsonObject profile = DevSim::minimalProfile(udid);
+    profile["faults"] = QJsonObject{{"failServices", failServices}};
+    QVERIFY(mSim.attach(mSim.writeProfile(profile)));
+    {
+        Session session(udid);
+        QVERIFY(session.ok());
+        lockdownd_service_descriptor_t descriptor = nullptr;
+        QCOMPARE(int(lockdownd_start_service(session.lockdown, service.toLatin1().constData(),
+                                             &descriptor)),
+                 expected);
+        lockdownd_service_descriptor_free(descriptor);
+    }
+    QVERIFY(mSim.detach(udid));
+}
+
+void TestDevsimApi::afcWriteKeepsOnlyPartOfEachWrite()
+{
+    const QString udid = DevSim::makeUdid(31);
+    QJsonObject profile = DevSim::minimalProfile(udid);
+    profile["faults"] = QJsonObject{{"afcWriteLimit", 1000}};
+    QVERIFY(mSim.attach(mSim.writeProfile(profile)));
+    {
+        Session session(udid);
+        Afc afc(session.afc());
+        QVERIFY(afc);
+        // The host is told every write succeeded...
+        const QByteArray bytes = patternBytes(3 * 4096, 3);
+        QVERIFY(writeAfcFile(afc.get(), "/partial.bin", bytes, 4096));
+        // ...but the device kept only the first 1000 bytes of each.
+        QByteArray expected = bytes.mid(0, 1000) + bytes.mid(4096, 1000) + bytes.mid(8192, 1000);
+        QCOMPARE(readAfcFile(afc.get(), "/partial.bin", 65536), expected);
+    }
+    QVERIFY(mSim.detach(udid));
+}
+
+void TestDevsimApi::serviceConnectionDroppedAfterBytes()
+{
+    const QString udid = DevSim::makeUdid(32);
+    QJsonObject profile = DevSim::minimalProfile(udid);
+    profile["media"] = QJsonArray{QJsonObject{{"path", "/big.bin"}, {"size", 1 << 20}}};
+    profile["faults"] = QJsonObject{{"dropAfterBytes", 100000}, {"dropService", "com.apple.afc"}};
+    QVERIFY(mSim.attach(mSim.writeProfile(profile)));
+    {
+        Session session(udid);
+        Afc afc(session.afc());
+        QVERIFY(afc);
+        // The connection ends inside the file: the host gets the first reads, then the
+        // connection fails (libimobiledevice does not notice the cut inside a packet, so
+        // the packet that was cut may still count as whole).
+        const QByteArray got = readAfcFile(afc.get(), "/big.bin", 65536);
+        QVERIFY2(got.size() >= 65536 && got.size() <= 2 * 65536,
+                 qPrintable(QString::number(got.size())));
+        afc_error_t rc = AFC_E_SUCCESS;
+        fileInfo(afc.get(), "/big.bin", &rc);
+        QVERIFY(rc != AFC_E_SUCCESS);
+        // Lockdown itself is not affected.
+        plist_t value = nullptr;
+        QCOMPARE(lockdownd_get_value(session.lockdown, nullptr, "DeviceName", &value),
+                 LOCKDOWN_E_SUCCESS);
+        plist_free(value);
+    }
+    QVERIFY(mSim.detach(udid));
 }
 
 KAVREL_TEST_MAIN(TestDevsimApi)
