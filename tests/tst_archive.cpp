@@ -2,7 +2,6 @@
 // codes, turning buffers into property lists, and parsing AFC file information.
 
 #include "DeviceHelper.h"
-#include "PlistBytes.h"
 #include "TestSupport.h"
 #include "ZipBuilder.h"
 

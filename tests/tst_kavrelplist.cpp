@@ -1,7 +1,6 @@
 // `kavrel plist FILE` run as a user would run it: output on stdout, one-line errors on
 // stderr, and the exit status.
 
-#include "PlistBytes.h"
 #include "TestSupport.h"
 
 #include <QProcess>

@@ -1,7 +1,6 @@
 // IpaParser: reading app records out of .ipa archives built here at run time.
 
 #include "IpaParser.h"
-#include "PlistBytes.h"
 #include "TestSupport.h"
 #include "ZipBuilder.h"
 
