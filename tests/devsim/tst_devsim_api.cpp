@@ -153,8 +153,10 @@ QStringList gEvents;
 void recordEvent(const idevice_event_t* event, void*)
 {
     QMutexLocker lock(&gEventLock);
-    gEvents << QString("%1 %2").arg(event->event == IDEVICE_DEVICE_ADD ? "add" : "remove",
-                                    QString::fromLatin1(event->udid));
+    const char* kind = event->event == IDEVICE_DEVICE_ADD      ? "add"
+                       : event->event == IDEVICE_DEVICE_REMOVE ? "remove"
+                                                               : "paired";
+    gEvents << QString("%1 %2").arg(kind, QString::fromLatin1(event->udid));
 }
 
 bool waitForEvent(const QString& event, int timeoutMs = 10000)
@@ -497,6 +499,11 @@ void TestDevsimApi::hotPlugEventsReachSubscribers()
         QMutexLocker lock(&gEventLock);
         gEvents.clear();
     }
+    char* raw = nullptr;
+    uint32_t rawSize = 0;
+    QCOMPARE(usbmuxd_read_pair_record(kPad.toLatin1().constData(), &raw, &rawSize), 0);
+    const QByteArray record(raw, int(rawSize));
+    free(raw);
     QCOMPARE(idevice_event_subscribe(recordEvent, nullptr), IDEVICE_E_SUCCESS);
     // Devices already attached are announced first.
     QVERIFY(waitForEvent("add " + kPhone));
@@ -507,6 +514,11 @@ void TestDevsimApi::hotPlugEventsReachSubscribers()
     QVERIFY(waitForEvent("add " + udid));
     QVERIFY(mSim.detach(udid));
     QVERIFY(waitForEvent("remove " + udid));
+    // A host saving the pair record of an attached device makes usbmuxd announce it.
+    QCOMPARE(usbmuxd_save_pair_record_with_device_id(kPad.toLatin1().constData(), 2,
+                                                     record.constData(), uint32_t(record.size())),
+             0);
+    QVERIFY(waitForEvent("paired " + kPad));
     idevice_event_unsubscribe();
     QMutexLocker lock(&gEventLock);
     QCOMPARE(gEvents.count("add " + udid), 1);

@@ -156,6 +156,14 @@ void handleSavePairRecord(Simulator& simulator, Stream& stream, uint32_t tag, pl
     }
     simulator.savePairRecord(id, data);
     sendResult(stream, tag, ResultOk);
+    // Like usbmuxd, tell listeners when the record belongs to an attached device.
+    if (plist_t idNode = dictItem(request, "DeviceID", PLIST_UINT)) {
+        uint64_t deviceId = 0;
+        plist_get_uint_val(idNode, &deviceId);
+        auto device = simulator.deviceById(static_cast<uint32_t>(deviceId));
+        if (device && device->udid() == id)
+            simulator.announcePaired(device->deviceId());
+    }
 }
 
 // One request; false when the connection must end.
@@ -215,6 +223,15 @@ void Simulator::addListener(Stream* stream)
         sendMux(*stream, 0, message.get());
     }
     mListeners.insert(stream);
+}
+
+void Simulator::announcePaired(uint32_t deviceId)
+{
+    Plist message = plistDict();
+    dictSetString(message.get(), "MessageType", "Paired");
+    dictSetUInt(message.get(), "DeviceID", deviceId);
+    std::lock_guard<std::mutex> lock(mListenLock);
+    notifyListeners(message.get());
 }
 
 void Simulator::notifyListeners(plist_t message)
