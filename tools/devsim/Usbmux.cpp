@@ -9,6 +9,8 @@
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <sys/socket.h>
+#include <sys/time.h>
 
 namespace devsim {
 
@@ -123,6 +125,10 @@ void handleListen(Simulator& simulator, Stream& stream, uint32_t tag)
 {
     if (!sendResult(stream, tag, ResultOk))
         return;
+    // Events are written under the listener lock: a listener that stops reading must
+    // not hold up hot-plug for everyone else for long.
+    timeval timeout{5, 0};
+    setsockopt(stream.fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     simulator.addListener(&stream);
     // A listener only waits for events; whatever it sends is ignored until it closes.
     char scratch[4096];
