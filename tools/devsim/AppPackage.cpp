@@ -33,7 +33,8 @@ bool isFile(const std::string& path)
 
 bool endsWith(const std::string& text, const std::string& tail)
 {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 std::vector<std::string> listDir(const std::string& path)
@@ -217,8 +218,8 @@ bool copyTree(const std::string& from, const std::string& to)
 }
 
 // An uploaded folder: the .app itself, or a folder holding Payload/<Name>.app or <Name>.app.
-bool unpackFolder(const std::string& packagePath, const std::string& workDir,
-                  UnpackedPackage* out, std::string* errorName, std::string* description)
+bool unpackFolder(const std::string& packagePath, const std::string& workDir, UnpackedPackage* out,
+                  std::string* errorName, std::string* description)
 {
     std::string bundle;
     if (endsWith(packagePath, ".app") && isFile(packagePath + "/Info.plist")) {
@@ -305,8 +306,8 @@ bool hostPathIn(const std::string& root, const std::string& devicePath, std::str
     return true;
 }
 
-bool unpackPackage(const std::string& packagePath, const std::string& workDir,
-                   UnpackedPackage* out, std::string* errorName, std::string* description)
+bool unpackPackage(const std::string& packagePath, const std::string& workDir, UnpackedPackage* out,
+                   std::string* errorName, std::string* description)
 {
     struct stat st;
     if (::stat(packagePath.c_str(), &st) != 0) {
@@ -439,6 +440,33 @@ Plist archivedAppInfo(const std::string& zipPath)
     if (info && plist_get_node_type(info.get()) != PLIST_DICT)
         info.reset();
     return info;
+}
+
+bool unpackArchivedContainer(const std::string& zipPath, const std::string& containerDir)
+{
+    int code = 0;
+    zip_t* archive = zip_open(zipPath.c_str(), ZIP_RDONLY, &code);
+    if (!archive)
+        return false;
+    const std::string prefix = "Container/";
+    bool ok = true;
+    zip_int64_t count = zip_get_num_entries(archive, 0);
+    for (zip_int64_t i = 0; ok && i < count; ++i) {
+        const char* raw = zip_get_name(archive, static_cast<zip_uint64_t>(i), 0);
+        std::string name = raw ? raw : "";
+        if (name.compare(0, prefix.size(), prefix) != 0 || name.size() == prefix.size())
+            continue;
+        const std::string relative = name.substr(prefix.size());
+        if (!safeRelative(relative))
+            continue;
+        const std::string target = containerDir + "/" + relative;
+        if (name.back() == '/')
+            ok = makePath(target.substr(0, target.size() - 1));
+        else
+            ok = extractEntry(archive, static_cast<zip_uint64_t>(i), target);
+    }
+    zip_discard(archive);
+    return ok;
 }
 
 uint64_t treeSize(const std::string& path)

@@ -24,8 +24,8 @@ struct UnpackedPackage
 // Unpacks the package at packagePath (a zip archive or a folder holding an .app) into
 // workDir. On failure errorName is an installation-service error name and description
 // says what went wrong.
-bool unpackPackage(const std::string& packagePath, const std::string& workDir,
-                   UnpackedPackage* out, std::string* errorName, std::string* description);
+bool unpackPackage(const std::string& packagePath, const std::string& workDir, UnpackedPackage* out,
+                   std::string* errorName, std::string* description);
 
 // The icon file of a bundle (relative to bundleDir) named by its Info.plist, or one of the
 // usual icon names; empty when the bundle has none.
@@ -47,6 +47,10 @@ bool writeAppArchive(const App& app, ArchiveContent content, const std::string& 
 // The Info.plist of the app inside an archive written by writeAppArchive; null when the
 // archive holds no bundle or cannot be read.
 Plist archivedAppInfo(const std::string& zipPath);
+
+// Unpacks the Container/ part of such an archive into containerDir; false when the archive
+// cannot be read.
+bool unpackArchivedContainer(const std::string& zipPath, const std::string& containerDir);
 
 // Sum of the sizes of the regular files below path (0 when missing).
 uint64_t treeSize(const std::string& path);

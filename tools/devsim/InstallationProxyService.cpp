@@ -90,6 +90,8 @@ private:
             return archive(dictString(request, "ApplicationIdentifier"), options);
         if (command == "RemoveArchive")
             return removeArchive(dictString(request, "ApplicationIdentifier"));
+        if (command == "Restore")
+            return restore(dictString(request, "ApplicationIdentifier"));
         if (command == "LookupArchives")
             return lookupArchives();
         if (command.empty())
@@ -165,7 +167,8 @@ private:
         Plist filtered = plistDict();
         for (uint32_t i = 0; i < plist_array_get_size(wanted); ++i) {
             const std::string key = nodeString(plist_array_get_item(wanted, i));
-            if (plist_t value = key.empty() ? nullptr : plist_dict_get_item(entry.get(), key.c_str()))
+            if (plist_t value =
+                    key.empty() ? nullptr : plist_dict_get_item(entry.get(), key.c_str()))
                 plist_dict_set_item(filtered.get(), key.c_str(), plist_copy(value));
         }
         return filtered;
@@ -232,11 +235,7 @@ private:
         if (!hostPathIn(mDevice.mediaPath(), packagePath, &hostPackage))
             return sendError("PackageExtractionFailed",
                              "The package path " + packagePath + " is not valid");
-        const std::string staging = mDevice.rootPath() +
-                                    "/private/var/mobile/Library/Caches/"
-                                    "com.apple.mobile.installd.staging/temp." +
-                                    randomUuid();
-        makePath(staging);
+        const std::string staging = stagingFolder();
         struct StagingCleanup
         {
             std::string path;
@@ -257,34 +256,45 @@ private:
 
         if (!advanceTo(7)) // CreatingContainer
             return false;
-        const std::string bundleId = dictString(package.info.get(), "CFBundleIdentifier");
-        AppPtr previous = mDevice.findApp(bundleId);
-        auto app = std::make_shared<App>();
-        app->bundleId = bundleId;
-        app->applicationType = "User";
-        app->containerPath = previous ? previous->containerPath : mDevice.newContainer();
-        app->bundleName = package.bundleName;
-
+        AppPtr previous = mDevice.findApp(dictString(package.info.get(), "CFBundleIdentifier"));
+        std::shared_ptr<App> app = newAppRecord(package, previous);
         if (!advanceTo(8)) // InstallingApplication
             return false;
-        if (previous)
-            removeTree(previous->bundlePath());
-        removeTree(app->bundlePath());
-        if (::rename(package.bundleDir.c_str(), app->bundlePath().c_str()) != 0)
+        if (!moveBundle(package, previous, *app))
             return sendError("ApplicationMoveFailed", "Could not move the app into its container");
         storeOptions(*app, package, options);
-        app->info = std::move(package.info);
-        app->iconFile = findIconFile(app->bundlePath(), app->info.get());
-        app->attributes = plistDict();
         if (dictItem(options, "ApplicationSINF", PLIST_DATA))
             dictSetString(app->attributes.get(), "SignerIdentity",
                           "Apple iPhone OS Application Signing");
+        app->info = std::move(package.info);
+        app->iconFile = findIconFile(app->bundlePath(), app->info.get());
 
         if (!advanceTo(11)) // PostflightingApplication ... GeneratingApplicationMap
             return false;
         mDevice.registerApp(app);
         mDevice.postNotification(kAppInstalled);
         return sendComplete();
+    }
+
+    // The record of an app being installed: an upgrade keeps the container (and so the
+    // Documents) of the installed version.
+    std::shared_ptr<App> newAppRecord(const UnpackedPackage& package, const AppPtr& previous)
+    {
+        auto app = std::make_shared<App>();
+        app->bundleId = dictString(package.info.get(), "CFBundleIdentifier");
+        app->applicationType = "User";
+        app->containerPath = previous ? previous->containerPath : mDevice.newContainer();
+        app->bundleName = package.bundleName;
+        app->attributes = plistDict();
+        return app;
+    }
+
+    static bool moveBundle(const UnpackedPackage& package, const AppPtr& previous, const App& app)
+    {
+        if (previous)
+            removeTree(previous->bundlePath());
+        removeTree(app.bundlePath());
+        return ::rename(package.bundleDir.c_str(), app.bundlePath().c_str()) == 0;
     }
 
     // iTunesMetadata (from the options, else the package) and the signature.
@@ -387,8 +397,71 @@ private:
         if (!sendStatus("RemovingArchive", 50))
             return false;
         if (::unlink(zipPath.c_str()) != 0)
-            return sendError("ArchiveDestructionFailed", "Could not remove the archive of " + bundleId);
+            return sendError("ArchiveDestructionFailed",
+                             "Could not remove the archive of " + bundleId);
         return sendComplete();
+    }
+
+    // Installs an app again from its archive (bundle and container as archived).
+    bool restore(const std::string& bundleId)
+    {
+        if (bundleId.empty())
+            return sendError("MissingApplicationIdentifier",
+                             "The request has no ApplicationIdentifier");
+        std::string zipPath;
+        struct stat st;
+        if (!archiveFileOf(bundleId, &zipPath) || ::stat(zipPath.c_str(), &st) != 0)
+            return sendError("LookupFailed", "No archive of " + bundleId);
+        if (!sendStatus("ExtractingPackage", 15))
+            return false;
+        const std::string staging = stagingFolder();
+        struct StagingCleanup
+        {
+            std::string path;
+            ~StagingCleanup() { removeTree(path); }
+        } cleanup{staging};
+        UnpackedPackage package;
+        std::string errorName, description;
+        AppPtr previous = mDevice.findApp(bundleId);
+        const bool hasBundle = static_cast<bool>(archivedAppInfo(zipPath));
+        if (hasBundle && !unpackPackage(zipPath, staging, &package, &errorName, &description))
+            return sendError(errorName, description);
+        if (!hasBundle && !previous)
+            return sendError("PackageInspectionFailed",
+                             "The archive of " + bundleId + " holds no app bundle");
+        if (!sendStatus("RestoringApplication", 50))
+            return false;
+        if (hasBundle) {
+            std::shared_ptr<App> app = newAppRecord(package, previous);
+            if (!moveBundle(package, previous, *app))
+                return sendError("ApplicationMoveFailed",
+                                 "Could not move the app into its container");
+            if (!package.metadata.empty())
+                writeWholeFile(app->containerPath + "/iTunesMetadata.plist", package.metadata);
+            if (previous)
+                app->attributes = plistCopy(previous->attributes.get());
+            app->info = std::move(package.info);
+            app->iconFile = findIconFile(app->bundlePath(), app->info.get());
+            previous = app;
+            mDevice.registerApp(app);
+        }
+        if (!unpackArchivedContainer(zipPath, previous->containerPath))
+            return sendError("RestoreContainerFailed",
+                             "Could not restore the container of " + bundleId);
+        if (!sendStatus("GeneratingApplicationMap", 90))
+            return false;
+        mDevice.postNotification(kAppInstalled);
+        return sendComplete();
+    }
+
+    std::string stagingFolder() const
+    {
+        const std::string path = mDevice.rootPath() +
+                                 "/private/var/mobile/Library/Caches/"
+                                 "com.apple.mobile.installd.staging/temp." +
+                                 randomUuid();
+        makePath(path);
+        return path;
     }
 
     bool lookupArchives()

@@ -26,10 +26,7 @@ struct Relay
     Stream* stream = nullptr;
     std::set<std::string> names;
 
-    bool send(plist_t message)
-    {
-        return stream && sendPlist(*stream, message);
-    }
+    bool send(plist_t message) { return stream && sendPlist(*stream, message); }
 };
 
 Plist commandMessage(const char* command)

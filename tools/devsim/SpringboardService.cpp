@@ -77,7 +77,8 @@ void serveSpringboard(ServiceContext& context)
         } else if (command == "getHomeScreenWallpaperPNGData") {
             dictSetData(answer.get(), "pngData", makeIconPng(64, 64, 0x203050));
         } else {
-            dictSetString(answer.get(), "Error", command.empty() ? "MissingCommand" : "UnknownCommand");
+            dictSetString(answer.get(), "Error",
+                          command.empty() ? "MissingCommand" : "UnknownCommand");
         }
         if (!sendPlist(context.stream, answer.get(), /*binary=*/true))
             return;
