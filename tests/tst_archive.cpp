@@ -34,16 +34,7 @@ QByteArray serialized(bool binary)
     plist_t d = plist_new_dict();
     plist_dict_set_item(d, "A", plist_new_uint(1));
     plist_dict_set_item(d, "B", plist_new_string("x"));
-    char* bytes = nullptr;
-    uint32_t length = 0;
-    if (binary)
-        plist_to_bin(d, &bytes, &length);
-    else
-        plist_to_xml(d, &bytes, &length);
-    QByteArray out(bytes, int(length));
-    free(bytes);
-    plist_free(d);
-    return out;
+    return kavreltest::plistBytes(d, binary);
 }
 
 } // namespace

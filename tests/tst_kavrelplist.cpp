@@ -9,24 +9,9 @@
 
 namespace {
 
-struct Run
+kavreltest::ProgramRun runKavrel(const QStringList& args)
 {
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-Run runKavrel(const QStringList& args)
-{
-    QProcess p;
-    p.start(QStringLiteral(KAVREL_CLI), args);
-    Run r;
-    if (!p.waitForFinished(60000) || p.exitStatus() != QProcess::NormalExit)
-        return r;
-    r.exitCode = p.exitCode();
-    r.out = p.readAllStandardOutput();
-    r.err = p.readAllStandardError();
-    return r;
+    return kavreltest::runProgram(QStringLiteral(KAVREL_CLI), args);
 }
 
 // The sample document: a dictionary in insertion order with the kinds a device sends.
@@ -53,20 +38,6 @@ plist_t richSample()
     return d;
 }
 
-QByteArray serialize(plist_t node, bool binary)
-{
-    char* bytes = nullptr;
-    uint32_t length = 0;
-    if (binary)
-        plist_to_bin(node, &bytes, &length);
-    else
-        plist_to_xml(node, &bytes, &length);
-    QByteArray out(bytes, int(length));
-    free(bytes);
-    plist_free(node);
-    return out;
-}
-
 } // namespace
 
 class TestKavrelPlist : public QObject
@@ -88,12 +59,16 @@ void TestKavrelPlist::renders_data()
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<QByteArray>("output");
 
-    QTest::newRow("binary") << serialize(sample(), true) << QByteArray("{\"A\":1,\"B\":\"x\"},\n");
-    QTest::newRow("XML") << serialize(sample(), false) << QByteArray("{\"A\":1,\"B\":\"x\"},\n");
+    QTest::newRow("binary") << kavreltest::plistBytes(sample(), true)
+                            << QByteArray("{\"A\":1,\"B\":\"x\"},\n");
+    QTest::newRow("XML") << kavreltest::plistBytes(sample(), false)
+                         << QByteArray("{\"A\":1,\"B\":\"x\"},\n");
     const QByteArray rich = "{\"Name\":\"Jos\xc3\xa9's iPhone\",\"Ok\":\"true\",\"Ratio\":0.5,"
                             "\"List\":[1\"two\"],\"Blob\":\"YWJj\",},\n";
-    QTest::newRow("binary, every kind, UTF-8 out") << serialize(richSample(), true) << rich;
-    QTest::newRow("XML, every kind, UTF-8 out") << serialize(richSample(), false) << rich;
+    QTest::newRow("binary, every kind, UTF-8 out")
+        << kavreltest::plistBytes(richSample(), true) << rich;
+    QTest::newRow("XML, every kind, UTF-8 out")
+        << kavreltest::plistBytes(richSample(), false) << rich;
     QTest::newRow("top-level array")
         << QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>a</string>"
                       "<integer>2</integer></array></plist>")
@@ -106,7 +81,7 @@ void TestKavrelPlist::renders()
     QFETCH(QByteArray, output);
     const QString path = mDir.filePath(QString::fromLatin1(QTest::currentDataTag()) + ".plist");
     QVERIFY(kavreltest::writeFile(path, content));
-    const Run r = runKavrel({QStringLiteral("plist"), path});
+    const kavreltest::ProgramRun r = runKavrel({QStringLiteral("plist"), path});
     QCOMPARE(r.exitCode, 0);
     QCOMPARE(r.out, output);
     QCOMPARE(r.err, QByteArray());
@@ -128,9 +103,10 @@ void TestKavrelPlist::refuses_data()
                                << "is not a property list";
     QTest::newRow("binary magic before XML")
         << "disguised.plist"
-        << "bplist00" + serialize(sample(), false) << true << "is not a property list";
-    QTest::newRow("truncated binary") << "truncated.plist" << serialize(sample(), true).left(20)
-                                      << true << "is not a property list";
+        << "bplist00" + kavreltest::plistBytes(sample(), false) << true << "is not a property list";
+    QTest::newRow("truncated binary")
+        << "truncated.plist" << kavreltest::plistBytes(sample(), true).left(20) << true
+        << "is not a property list";
 }
 
 void TestKavrelPlist::refuses()
@@ -145,7 +121,7 @@ void TestKavrelPlist::refuses()
     else if (create)
         QVERIFY(kavreltest::writeFile(path, content));
 
-    const Run r = runKavrel({QStringLiteral("plist"), path});
+    const kavreltest::ProgramRun r = runKavrel({QStringLiteral("plist"), path});
     QVERIFY(r.exitCode > 0);
     QCOMPARE(r.out, QByteArray());
     // Exactly one line, naming the file and the reason.
@@ -158,11 +134,12 @@ void TestKavrelPlist::refuses()
 
 void TestKavrelPlist::needsExactlyOneFile()
 {
-    const Run none = runKavrel({QStringLiteral("plist")});
+    const kavreltest::ProgramRun none = runKavrel({QStringLiteral("plist")});
     QCOMPARE(none.exitCode, 2);
     QCOMPARE(none.out, QByteArray());
     QCOMPARE(none.err.count('\n'), 1);
-    const Run help = runKavrel({QStringLiteral("plist"), QStringLiteral("--help")});
+    const kavreltest::ProgramRun help =
+        runKavrel({QStringLiteral("plist"), QStringLiteral("--help")});
     QCOMPARE(help.exitCode, 0);
     QVERIFY(help.out.contains("FILE"));
 }

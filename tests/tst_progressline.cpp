@@ -19,8 +19,6 @@ class TestProgressLine : public QObject
 {
     Q_OBJECT
 private slots:
-    void operationTypesKeepTheirNumbers();
-    void newRecordIsEmpty();
     void commandName_data();
     void commandName();
     void recordEquality_data();
@@ -28,7 +26,6 @@ private slots:
     void errorKeys_data();
     void errorKeys();
     void installerMetaObject();
-    void noFailureLineBeforeAnyInstaller();
 
     void lines_data();
     void lines();
@@ -39,27 +36,6 @@ private slots:
     void isInstallComplete_data();
     void isInstallComplete();
 };
-
-void TestProgressLine::operationTypesKeepTheirNumbers()
-{
-    // Records are compared and dispatched by these numbers.
-    QCOMPARE(int(KOperationListApp), 0);
-    QCOMPARE(int(KOperationInstall), 1);
-    QCOMPARE(int(KOperationUpgrade), 2);
-    QCOMPARE(int(KOperationUninstall), 3);
-    QCOMPARE(int(KOperationArchive), 4);
-}
-
-void TestProgressLine::newRecordIsEmpty()
-{
-    const OperationInfo info;
-    QCOMPARE(info.mType, int(KOperationListApp));
-    QCOMPARE(info.mAppType, 0);
-    QCOMPARE(info.mListFormat, 0);
-    QVERIFY(info.mUdid.isEmpty() && info.mAppid.isEmpty() && info.mIpaPath.isEmpty() &&
-            info.mCopyPath.isEmpty());
-    QVERIFY(!info.mIsUpdate && !info.mAppOnly && !info.mSkipUninstall);
-}
 
 void TestProgressLine::commandName_data()
 {
@@ -170,11 +146,6 @@ void TestProgressLine::installerMetaObject()
         QCOMPARE(m.methodType(), QMetaMethod::Signal);
     }
     QCOMPARE(own, expected);
-}
-
-void TestProgressLine::noFailureLineBeforeAnyInstaller()
-{
-    QVERIFY(DeviceInstaller::lastFailureLine().isEmpty());
 }
 
 void TestProgressLine::lines_data()

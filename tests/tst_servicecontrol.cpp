@@ -172,27 +172,6 @@ private:
     bool mOk = false;
 };
 
-struct Finished
-{
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-Finished runProgram(const QString& program, const QStringList& args, const QProcessEnvironment& env)
-{
-    QProcess process;
-    process.setProcessEnvironment(env);
-    process.start(program, args);
-    Finished result;
-    if (!process.waitForFinished(30000))
-        return result;
-    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
-    return result;
-}
-
 } // namespace
 
 class TestServiceControl : public QObject
@@ -343,11 +322,11 @@ void TestServiceControl::logLinesOfOneRun_data()
     QTest::newRow("check")
         << "check" << QByteArray("echo RUNNING; exit 3\n")
         << QStringList{"CProcCheckAMD::checkIfRunning",
-                       "CProcBase::slotProcStateChanged, state:  1",
-                       "CProcBase::slotProcStateChanged, state:  2",
-                       "CProcBase::slotProcStateChanged, state:  0",
+                       "CProcBase::slotProcStateChanged, state: 1",
+                       "CProcBase::slotProcStateChanged, state: 2",
+                       "CProcBase::slotProcStateChanged, state: 0",
                        "CProcCheckAMD::slotProcFinished, exitCode: 3, exitStatus: 0",
-                       "CProcBase::slotProcFinished, exitCode:  3",
+                       "CProcBase::slotProcFinished, exitCode: 3",
                        "CProcCheckAMD::~CProcCheckAMD",
                        "CProcBase::~CProcBase"}
         << "result: ";
@@ -355,8 +334,8 @@ void TestServiceControl::logLinesOfOneRun_data()
         << "start" << QByteArray("echo 'SERVICE_EXIT_CODE : 0'; exit 2\n")
         << QStringList{"CProcStartAMD::startAMD",
                        "CProcStartAMD::slotProcFinished, exitCode:  2 , exitStatus 0",
-                       "CProcBase::slotProcFinished, exitCode:  2",
-                       "result:  \"SERVICE_EXIT_CODE : 0\\n\"", "CProcBase::~CProcBase"}
+                       "CProcBase::slotProcFinished, exitCode: 2",
+                       "result: \"SERVICE_EXIT_CODE : 0\\n\"", "CProcBase::~CProcBase"}
         << "";
     QTest::newRow("start without output")
         << "start" << QByteArray("exit 0\n")
@@ -490,8 +469,8 @@ void TestServiceControl::unstartableScSendsNoAnswer()
     kavreltest::LogCapture log;
     Wrapper wrapper(kind);
     wrapper.request();
-    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcError, error:  0"), qPrintable(log.dump()));
-    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcStateChanged, state:  0"), qPrintable(log.dump()));
+    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcError, error: 0"), qPrintable(log.dump()));
+    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcStateChanged, state: 0"), qPrintable(log.dump()));
     QTest::qWait(200);
     QCOMPARE(wrapper.answers->count(), 0);
     QVERIFY(!log.contains("slotProcFinished"));
@@ -572,7 +551,8 @@ void TestServiceControl::shippedSc()
         env.insert("KAVREL_USBMUXD", program);
     }
 
-    const Finished run = runProgram(QStringLiteral(KAVREL_SOURCE_DIR "/scripts/sc"), args, env);
+    const kavreltest::ProgramRun run =
+        kavreltest::runProgram(QStringLiteral(KAVREL_SOURCE_DIR "/scripts/sc"), args, env);
     QVERIFY2(run.out.contains(expected), run.out.constData());
     QCOMPARE(run.exitCode, exitCode);
     QCOMPARE(run.err, QByteArray());
@@ -658,7 +638,8 @@ void TestServiceControl::hostCommand()
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     // Without a script the folder alone, so that no other sc can be found.
     env.insert("PATH", script.isEmpty() ? dir.path() : dir.path() + ":/usr/bin:/bin");
-    const Finished run = runProgram(QStringLiteral(KAVREL_CLI), QStringList{"service"} + args, env);
+    const kavreltest::ProgramRun run =
+        kavreltest::runProgram(QStringLiteral(KAVREL_CLI), QStringList{"service"} + args, env);
     QCOMPARE(run.exitCode, exitCode);
     QVERIFY2(run.out.contains(out), run.out.constData());
     QVERIFY2(run.err.contains(err), run.err.constData());

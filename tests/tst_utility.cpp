@@ -41,31 +41,39 @@ void TestUtility::toJsonString_data()
     QTest::newRow("empty map") << QVariantMap() << "{  }";
     QTest::newRow("keys sorted, pair form")
         << QVariantMap{{"b", 1}, {"a", "x"}} << "{ \"a\" : \"x\", \"b\" : 1 }";
-    QTest::newRow("nested map and list") << QVariantMap{{"m", nested}}
-                                         << "{ \"m\" : { \"a\" : [ 1, \"x\", true ], \"b\" : 2 } }";
+    QTest::newRow("nested map and list")
+        << QVariantMap{{"m", nested}} << "{ \"m\" : { \"a\" : [ 1, \"x\", true ], \"b\" : 2 } }";
     QTest::newRow("empty list") << QVariantMap{{"l", QVariantList()}} << "{ \"l\" : [  ] }";
     QTest::newRow("string list") << QVariantMap{{"l", QStringList{"p", "q"}}}
                                  << "{ \"l\" : [ \"p\", \"q\" ] }";
-    QTest::newRow("bools and null")
-        << QVariantMap{{"f", false}, {"n", QVariant()}, {"t", true}}
-        << "{ \"f\" : false, \"n\" : null, \"t\" : true }";
-    QTest::newRow("integers") << QVariantMap{{"i", -5}, {"u", 4294967295u},
+    QTest::newRow("bools and null") << QVariantMap{{"f", false}, {"n", QVariant()}, {"t", true}}
+                                    << "{ \"f\" : false, \"n\" : null, \"t\" : true }";
+    QTest::newRow("integers") << QVariantMap{{"i", -5},
+                                             {"u", 4294967295u},
                                              {"ll", Q_INT64_C(-9000000000)},
                                              {"ull", Q_UINT64_C(18446744073709551615)}}
                               << "{ \"i\" : -5, \"ll\" : -9000000000, \"u\" : 4294967295, "
                                  "\"ull\" : 18446744073709551615 }";
     QTest::newRow("doubles") << QVariantMap{{"a", 2.0}, {"b", 0.5}, {"c", 1234567.0}, {"d", 1e-7}}
                              << "{ \"a\" : 2.0, \"b\" : 0.5, \"c\" : 1.23457e+06, \"d\" : 1e-07 }";
-    QTest::newRow("escapes in order")
-        << QVariantMap{{"s", QString("a\\b\"c\nd\te\rf\bg\fh")}}
-        << "{ \"s\" : \"a\\\\b\\\"c\\nd\\te\\rf\\bg\\fh\" }";
+    QTest::newRow("escapes in order") << QVariantMap{{"s", QString("a\\b\"c\nd\te\rf\bg\fh")}}
+                                      << "{ \"s\" : \"a\\\\b\\\"c\\nd\\te\\rf\\bg\\fh\" }";
     QTest::newRow("non-ASCII as lower-case \\u")
         << QVariantMap{{"s", QString::fromUtf8("\xc3\xa9\xe4\xb8\xad")}}
         << "{ \"s\" : \"\\u00e9\\u4e2d\" }";
     QTest::newRow("other control characters stay raw")
         << QVariantMap{{"s", QString("a\x01z")}} << QString("{ \"s\" : \"a\x01z\" }");
-    QTest::newRow("byte array as string") << QVariantMap{{"b", QByteArray("q\"")}}
-                                          << "{ \"b\" : \"q\\\"\" }";
+    QTest::newRow("byte array as string")
+        << QVariantMap{{"b", QByteArray("q\"")}} << "{ \"b\" : \"q\\\"\" }";
+    QTest::newRow("a text ends at its first zero character")
+        << QVariantMap{{"s", QString::fromLatin1("ab\0cd", 5)}, {"t", 1}}
+        << "{ \"s\" : \"ab\", \"t\" : 1 }";
+    QTest::newRow("hash as an object")
+        << QVariantMap{{"h", QVariantHash{{"k", 1}}}, {"e", QVariantHash()}}
+        << "{ \"e\" : {  }, \"h\" : { \"k\" : 1 } }";
+    QTest::newRow("character as its code") << QVariantMap{{"c", QChar('A')}} << "{ \"c\" : 65 }";
+    QTest::newRow("date as text") << QVariantMap{{"d", QDate(2024, 2, 29)}}
+                                  << "{ \"d\" : \"2024-02-29\" }";
     QTest::newRow("keys are escaped too") << QVariantMap{{"k\"", 1}} << "{ \"k\\\"\" : 1 }";
 }
 

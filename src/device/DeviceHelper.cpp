@@ -79,6 +79,15 @@ void appendData(QString& out, plist_t node)
     free(encoded);
 }
 
+// The item under a key, looked up by its UTF-8 form; null (and logged) when missing.
+plist_t itemForKey(plist_t dict, const QString& key)
+{
+    plist_t item = dict ? plist_dict_get_item(dict, key.toUtf8().constData()) : nullptr;
+    if (!item)
+        qDebug().nospace() << "Warning: failed to get item for key: " << key;
+    return item;
+}
+
 // Reads the file-information list of a device path; null when the device gave none.
 char** afcFileInfo(afc_client_t afc, const char* path, afc_error_t* error)
 {
@@ -238,11 +247,9 @@ void DeviceHelper::getDictString(plist_t dict, const QString& key, QString& valu
 {
     if (key.isEmpty())
         return;
-    plist_t item = dict ? plist_dict_get_item(dict, key.toUtf8().constData()) : nullptr;
-    if (!item) {
-        qDebug().nospace() << "Warning: failed to get item for key: " << key;
+    plist_t item = itemForKey(dict, key);
+    if (!item)
         return;
-    }
     char* text = stringValue(item);
     if (!text) {
         qDebug("Error: failed to get key: %s", key.toUtf8().constData());
@@ -256,11 +263,9 @@ void DeviceHelper::getDictUInt(plist_t dict, const QString& key, quint64* value)
 {
     if (key.isEmpty())
         return;
-    plist_t item = dict ? plist_dict_get_item(dict, key.toUtf8().constData()) : nullptr;
-    if (!item) {
-        qDebug().nospace() << "Warning: failed to get item for key: " << key;
+    plist_t item = itemForKey(dict, key);
+    if (!item)
         return;
-    }
     // Items of another kind leave the caller's value as it was.
     if (value && plist_get_node_type(item) == PLIST_UINT) {
         uint64_t v = 0;

@@ -2,6 +2,7 @@
 
 #include "DeviceHelper.h"
 #include "DeviceInfoParallel.h"
+#include "OperationInfo.h"
 
 #include <QDebug>
 #include <QTimer>
@@ -32,9 +33,13 @@ DeviceManager::~DeviceManager()
     while (!mInfoJobs.isEmpty())
         mInfoJobs.takeFirst()->deleteLater();
 
-    // The operation queue, the app-list, app-size, icon and installer jobs are filled
-    // by the install queue and the size and icon requests, which this build does not
-    // offer yet; their members stay empty and need no release here.
+    // Queued operations never started are the manager's to free.
+    while (!mOperations.isEmpty())
+        delete mOperations.takeFirst();
+
+    // The app-list, app-size, icon and installer jobs are started by the install queue
+    // and the size and icon requests, which this build does not offer yet; those
+    // members stay null and need no release here.
 
     if (mInstallTimer) {
         disconnect(mInstallTimer, nullptr, this, nullptr);

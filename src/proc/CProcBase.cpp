@@ -48,7 +48,7 @@ void CProcBase::slotProcStartd() {}
 
 void CProcBase::slotProcFinished(int exitCode, QProcess::ExitStatus exitStatus)
 {
-    qDebug() << "CProcBase::slotProcFinished, exitCode: " << exitCode;
+    qDebug().nospace() << "CProcBase::slotProcFinished, exitCode: " << exitCode;
     if (exitStatus != QProcess::NormalExit)
         return; // a crashed run leaves the earlier output in place
     const QByteArray output = mProcess->readAllStandardOutput();
@@ -58,10 +58,10 @@ void CProcBase::slotProcFinished(int exitCode, QProcess::ExitStatus exitStatus)
 
 void CProcBase::slotProcError(QProcess::ProcessError error)
 {
-    qDebug() << "CProcBase::slotProcError, error: " << int(error);
+    qDebug().nospace() << "CProcBase::slotProcError, error: " << int(error);
 }
 
 void CProcBase::slotProcStateChanged(QProcess::ProcessState state)
 {
-    qDebug() << "CProcBase::slotProcStateChanged, state: " << int(state);
+    qDebug().nospace() << "CProcBase::slotProcStateChanged, state: " << int(state);
 }

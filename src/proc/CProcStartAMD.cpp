@@ -19,12 +19,13 @@ void CProcStartAMD::startAMD()
 
 void CProcStartAMD::slotProcFinished(int exitCode, QProcess::ExitStatus exitStatus)
 {
+    // Four items of the debug stream, written with a blank between each two.
     qDebug() << "CProcStartAMD::slotProcFinished, exitCode: " << exitCode << ", exitStatus"
              << int(exitStatus);
     CProcBase::slotProcFinished(exitCode, exitStatus);
     QString result;
     if (getResult(result)) {
-        qDebug() << "result: " << result;
+        qDebug().nospace() << "result: " << result;
         if (result.contains(QLatin1String(kStartedMarker))) {
             emit signalStartAMD(true);
             return;

@@ -26,10 +26,12 @@ namespace {
 
 // Escapes a text the way QJson 0.8 does, in its order: backslashes first, then every
 // UTF-16 unit of 128 or more as \uXXXX, then quotes and the five named controls.
-// Other control characters are left raw.
+// Other control characters are left raw. Like QJson, the text ends at its first zero
+// character, so a raw zero byte never reaches (and cuts short) the whole document.
 QByteArray escapeJsonText(const QString& text)
 {
-    QString s = text;
+    const int end = text.indexOf(QChar(0));
+    QString s = end < 0 ? text : text.left(end);
     s.replace(QLatin1Char('\\'), QLatin1String("\\\\"));
     QString wide;
     wide.reserve(s.size());
@@ -63,7 +65,8 @@ bool serializeList(const QVariantList& list, QByteArray& out)
     return true;
 }
 
-bool serializeMap(const QVariantMap& map, QByteArray& out)
+// Maps in key order, hashes in their own iteration order; the same object form.
+template <typename Map> bool serializeObject(const Map& map, QByteArray& out)
 {
     QList<QByteArray> parts;
     for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
@@ -94,7 +97,9 @@ bool serializeJson(const QVariant& v, QByteArray& out)
     }
     switch (static_cast<int>(v.type())) {
     case QMetaType::QVariantMap:
-        return serializeMap(v.toMap(), out);
+        return serializeObject(v.toMap(), out);
+    case QMetaType::QVariantHash:
+        return serializeObject(v.toHash(), out);
     case QMetaType::QVariantList:
     case QMetaType::QStringList:
         return serializeList(v.toList(), out);
@@ -117,15 +122,14 @@ bool serializeJson(const QVariant& v, QByteArray& out)
     case QMetaType::ULong:
         out = QByteArray::number(v.toULongLong());
         return true;
-    case QMetaType::Int:
-    case QMetaType::LongLong:
-    case QMetaType::Short:
-    case QMetaType::Char:
-    case QMetaType::SChar:
-    case QMetaType::Long:
-        out = QByteArray::number(v.toLongLong());
-        return true;
     default:
+        // QJson's order for everything else: whatever converts to a number is written
+        // as one (small integer types, a QChar as its code), then whatever converts to
+        // text (dates, URLs) as a string; anything else cannot be written.
+        if (v.canConvert<qlonglong>()) {
+            out = QByteArray::number(v.toLongLong());
+            return true;
+        }
         if (v.canConvert<QString>()) {
             out = escapeJsonText(v.toString());
             return true;
@@ -139,7 +143,7 @@ bool serializeJson(const QVariant& v, QByteArray& out)
 QString Utility::toJsonString(const QVariantMap& map)
 {
     QByteArray bytes;
-    if (!serializeMap(map, bytes))
+    if (!serializeObject(map, bytes))
         return QString();
     // Narrow-string conversion up to the first zero byte, as the host expects.
     return QString::fromLatin1(bytes.constData());

@@ -17,7 +17,7 @@ public:
     // The per-user data directory (documents folder + "/norva/"), created when missing.
     static QString dataPath();
     // The map as single-line JSON text in QJson 0.8's default form; empty on failure
-    // (a NaN or infinite number anywhere in the map).
+    // (a NaN or infinite number, or a value of a type with no JSON form, anywhere in it).
     static QString toJsonString(const QVariantMap& map);
     // How a text value is shown in JSON output: as a yes/no flag or as itself.
     static QString fieldText(const QString& value, bool asFlag);

@@ -141,26 +141,7 @@ QString DeviceProfile::writeTo(const QString& dir) const
 
 } // namespace kavreltest
 
-#include <QElapsedTimer>
-#include <QThread>
-
-#include <cstring>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 namespace kavreltest {
-
-DeviceSim::DeviceSim()
-{
-    mProcess.setProcessChannelMode(QProcess::MergedChannels);
-}
-
-DeviceSim::~DeviceSim()
-{
-    stop();
-}
 
 bool DeviceSim::available()
 {
@@ -171,111 +152,28 @@ bool DeviceSim::available()
 #endif
 }
 
-QString DeviceSim::socketPath() const
+QString DeviceSim::write(const DeviceProfile& profile) const
 {
-    return mDir.path() + QStringLiteral("/usbmuxd.sock");
-}
-
-QString DeviceSim::profileDir() const
-{
-    return mDir.path() + QStringLiteral("/profiles");
+    return profile.writeTo(mSim.tempDir() + QStringLiteral("/profiles"));
 }
 
 bool DeviceSim::start(const QList<DeviceProfile>& profiles)
 {
-#ifdef KAVREL_DEVSIM
-    QStringList args{QStringLiteral("--socket"), socketPath(), QStringLiteral("--state"),
-                     mDir.path() + QStringLiteral("/state")};
+    QStringList paths;
     for (const DeviceProfile& profile : profiles)
-        args << profile.writeTo(profileDir());
-    mProcess.start(QStringLiteral(KAVREL_DEVSIM), args);
-    if (!mProcess.waitForStarted(10000))
+        paths << write(profile);
+    QString error;
+    if (!mSim.start(paths, &error)) {
+        qWarning("kavrel-devsim did not start: %s", qPrintable(error));
         return false;
-    qputenv("USBMUXD_SOCKET_ADDRESS", "UNIX:" + socketPath().toLocal8Bit());
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < 15000) {
-        const QStringList answer = control(QStringLiteral("list"));
-        if (!answer.isEmpty() && answer.last().startsWith(QLatin1String("OK")))
-            return true;
-        if (mProcess.state() == QProcess::NotRunning)
-            return false;
-        QThread::msleep(20);
     }
-    return false;
-#else
-    Q_UNUSED(profiles);
-    return false;
-#endif
-}
-
-void DeviceSim::stop()
-{
-    if (mProcess.state() == QProcess::NotRunning)
-        return;
-    control(QStringLiteral("quit"));
-    if (!mProcess.waitForFinished(5000)) {
-        mProcess.kill();
-        mProcess.waitForFinished(5000);
-    }
-    output();
+    return true;
 }
 
 bool DeviceSim::attach(const DeviceProfile& profile)
 {
-    const QStringList answer = control(QStringLiteral("attach ") + profile.writeTo(profileDir()));
-    return !answer.isEmpty() && answer.last() == QStringLiteral("OK ") + profile.udid();
-}
-
-bool DeviceSim::detach(const QString& udid)
-{
-    const QStringList answer = control(QStringLiteral("detach ") + udid);
-    return !answer.isEmpty() && answer.last() == QLatin1String("OK");
-}
-
-QStringList DeviceSim::control(const QString& line)
-{
-    // The control socket speaks one line per command; the answer ends with a line
-    // starting "OK" or "ERROR".
-    const QByteArray path = (socketPath() + QStringLiteral(".ctl")).toLocal8Bit();
-    sockaddr_un address{};
-    if (path.size() >= static_cast<int>(sizeof(address.sun_path)))
-        return {};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (fd < 0)
-        return {};
-    timeval timeout{10, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    QStringList lines;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
-        const QByteArray request = line.toUtf8() + '\n';
-        if (::write(fd, request.constData(), static_cast<size_t>(request.size())) ==
-            request.size()) {
-            QByteArray reply;
-            char chunk[4096];
-            while (true) {
-                const ssize_t n = ::read(fd, chunk, sizeof(chunk));
-                if (n <= 0)
-                    break;
-                reply.append(chunk, static_cast<int>(n));
-                lines = QString::fromUtf8(reply).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-                if (reply.endsWith('\n') && !lines.isEmpty() &&
-                    (lines.last().startsWith(QLatin1String("OK")) ||
-                     lines.last().startsWith(QLatin1String("ERROR"))))
-                    break;
-            }
-        }
-    }
-    ::close(fd);
-    return lines;
-}
-
-QString DeviceSim::output()
-{
-    mOutput += mProcess.readAll();
-    return QString::fromLocal8Bit(mOutput);
+    QString udid;
+    return mSim.attach(write(profile), &udid) && udid == profile.udid();
 }
 
 } // namespace kavreltest

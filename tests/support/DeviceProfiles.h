@@ -49,43 +49,29 @@ private:
 
 } // namespace kavreltest
 
-#include <QProcess>
-#include <QStringList>
-#include <QTemporaryDir>
+#include "DevSim.h"
+
+#include <QList>
 
 namespace kavreltest {
 
-// Runs kavrel-devsim on a socket in a temporary folder and points this process's
-// device library at it (USBMUXD_SOCKET_ADDRESS). Stopping leaves the variable pointing
-// at the dead socket, so code run afterwards sees no usbmuxd.
+// kavrel-devsim with devices built from DeviceProfile objects: starts with the given
+// devices attached, attaches and detaches them later. Stopping restores the
+// environment, so code run afterwards finds no usbmuxd.
 class DeviceSim
 {
 public:
-    DeviceSim();
-    ~DeviceSim();
-    DeviceSim(const DeviceSim&) = delete;
-    DeviceSim& operator=(const DeviceSim&) = delete;
-
     // True when the simulator program was built.
     static bool available();
-    // Starts with the given profiles attached; waits until the simulator answers.
     bool start(const QList<DeviceProfile>& profiles = {});
-    void stop();
-    // Hot-plug through the control socket.
+    void stop() { mSim.stop(); }
     bool attach(const DeviceProfile& profile);
-    bool detach(const QString& udid);
-    // One control command; the answer's lines, the last being "OK ..." or "ERROR ...".
-    QStringList control(const QString& line);
-
-    QString socketPath() const;
-    QString profileDir() const;
-    // What the simulator wrote to its standard error.
-    QString output();
+    bool detach(const QString& udid) { return mSim.detach(udid); }
+    DevSim& sim() { return mSim; }
 
 private:
-    QTemporaryDir mDir;
-    QProcess mProcess;
-    QByteArray mOutput;
+    QString write(const DeviceProfile& profile) const;
+    DevSim mSim;
 };
 
 } // namespace kavreltest

@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QStandardPaths>
 
 namespace kavreltest {
@@ -99,6 +100,35 @@ QByteArray readFile(const QString& path)
     if (!f.open(QIODevice::ReadOnly))
         return QByteArray();
     return f.readAll();
+}
+
+ProgramRun runProgram(const QString& program, const QStringList& args,
+                      const QProcessEnvironment& env, int timeoutMs)
+{
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(program, args);
+    ProgramRun run;
+    if (!process.waitForFinished(timeoutMs))
+        return run;
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = process.readAllStandardOutput();
+    run.err = process.readAllStandardError();
+    return run;
+}
+
+QByteArray plistBytes(plist_t node, bool binary)
+{
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    if (binary)
+        plist_to_bin(node, &bytes, &length);
+    else
+        plist_to_xml(node, &bytes, &length);
+    QByteArray out(bytes, int(length));
+    free(bytes);
+    plist_free(node);
+    return out;
 }
 
 } // namespace kavreltest

@@ -3,11 +3,14 @@
 
 #include <QGuiApplication>
 #include <QMutex>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
 #include <QtGlobal>
 #include <QtTest>
+
+#include <plist/plist.h>
 
 namespace kavreltest {
 
@@ -60,6 +63,21 @@ private:
 // Writes bytes to a file, creating parent directories; returns false on failure.
 bool writeFile(const QString& path, const QByteArray& bytes);
 QByteArray readFile(const QString& path);
+
+// A program run to its end: its exit status (-1 when it crashed, could not start or did
+// not end in time) and everything it wrote.
+struct ProgramRun
+{
+    int exitCode = -1;
+    QByteArray out;
+    QByteArray err;
+};
+ProgramRun runProgram(const QString& program, const QStringList& args,
+                      const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment(),
+                      int timeoutMs = 60000);
+
+// A property list serialised in binary or XML form; takes and frees the node.
+QByteArray plistBytes(plist_t node, bool binary);
 
 } // namespace kavreltest
 
