@@ -13,6 +13,7 @@
 
 #include <QCryptographicHash>
 #include <QElapsedTimer>
+#include <QJsonArray>
 #include <QMutex>
 #include <QSet>
 
@@ -152,8 +153,10 @@ QStringList gEvents;
 void recordEvent(const idevice_event_t* event, void*)
 {
     QMutexLocker lock(&gEventLock);
-    gEvents << QString("%1 %2").arg(event->event == IDEVICE_DEVICE_ADD ? "add" : "remove",
-                                    QString::fromLatin1(event->udid));
+    const char* kind = event->event == IDEVICE_DEVICE_ADD      ? "add"
+                       : event->event == IDEVICE_DEVICE_REMOVE ? "remove"
+                                                               : "paired";
+    gEvents << QString("%1 %2").arg(kind, QString::fromLatin1(event->udid));
 }
 
 bool waitForEvent(const QString& event, int timeoutMs = 10000)
@@ -194,6 +197,10 @@ private slots:
     void hotPlugEventsReachSubscribers();
     void detachCutsOpenConnections();
     void stateSurvivesRestart();
+    void failingServiceRefusesToStart_data();
+    void failingServiceRefusesToStart();
+    void afcWriteKeepsOnlyPartOfEachWrite();
+    void serviceConnectionDroppedAfterBytes();
 
 private:
     DevSim mSim;
@@ -227,6 +234,39 @@ void TestDevsimApi::handshakeOpensTlsSession()
     // A second, independent session to the same device.
     Session second(kPhone);
     QVERIFY(second.ok());
+
+    // Leaving TLS and entering it again on the same connection.
+    char* hostId = nullptr;
+    char* record = nullptr;
+    uint32_t size = 0;
+    QCOMPARE(usbmuxd_read_pair_record(kPhone.toLatin1().constData(), &record, &size), 0);
+    plist_t pairRecord = nullptr;
+    plist_from_bin(record, size, &pairRecord);
+    free(record);
+    plist_get_string_val(plist_dict_get_item(pairRecord, "HostID"), &hostId);
+    plist_free(pairRecord);
+    for (int round = 0; round < 2; ++round) {
+        type = nullptr;
+        QCOMPARE(lockdownd_query_type(second.lockdown, &type), LOCKDOWN_E_SUCCESS);
+        free(type);
+        char* sessionId = nullptr;
+        int ssl = 0;
+        QCOMPARE(lockdownd_start_session(second.lockdown, hostId, &sessionId, &ssl),
+                 LOCKDOWN_E_SUCCESS);
+        QCOMPARE(ssl, 1);
+        value = nullptr;
+        QCOMPARE(lockdownd_get_value(second.lockdown, nullptr, "ProductType", &value),
+                 LOCKDOWN_E_SUCCESS);
+        QCOMPARE(stringValue(value), QString("iPhone12,3"));
+        plist_free(value);
+        QCOMPARE(lockdownd_stop_session(second.lockdown, sessionId), LOCKDOWN_E_SUCCESS);
+        free(sessionId);
+    }
+    // An unknown host id is refused.
+    QCOMPARE(lockdownd_start_session(second.lockdown, "00000000-0000-0000-0000-000000000000",
+                                     nullptr, nullptr),
+             LOCKDOWN_E_INVALID_HOST_ID);
+    free(hostId);
 }
 
 void TestDevsimApi::valuesReadAndWritten()
@@ -492,6 +532,11 @@ void TestDevsimApi::hotPlugEventsReachSubscribers()
         QMutexLocker lock(&gEventLock);
         gEvents.clear();
     }
+    char* raw = nullptr;
+    uint32_t rawSize = 0;
+    QCOMPARE(usbmuxd_read_pair_record(kPad.toLatin1().constData(), &raw, &rawSize), 0);
+    const QByteArray record(raw, int(rawSize));
+    free(raw);
     QCOMPARE(idevice_event_subscribe(recordEvent, nullptr), IDEVICE_E_SUCCESS);
     // Devices already attached are announced first.
     QVERIFY(waitForEvent("add " + kPhone));
@@ -502,6 +547,11 @@ void TestDevsimApi::hotPlugEventsReachSubscribers()
     QVERIFY(waitForEvent("add " + udid));
     QVERIFY(mSim.detach(udid));
     QVERIFY(waitForEvent("remove " + udid));
+    // A host saving the pair record of an attached device makes usbmuxd announce it.
+    QCOMPARE(usbmuxd_save_pair_record_with_device_id(kPad.toLatin1().constData(), 2,
+                                                     record.constData(), uint32_t(record.size())),
+             0);
+    QVERIFY(waitForEvent("paired " + kPad));
     idevice_event_unsubscribe();
     QMutexLocker lock(&gEventLock);
     QCOMPARE(gEvents.count("add " + udid), 1);
@@ -560,6 +610,91 @@ void TestDevsimApi::stateSurvivesRestart()
     // mSim's environment comes back when the inner simulator stops.
     QVERIFY(qgetenv("USBMUXD_SOCKET_ADDRESS").contains(mSim.socketPath().toUtf8()) ||
             !qEnvironmentVariableIsSet("USBMUXD_SOCKET_ADDRESS"));
+}
+
+void TestDevsimApi::failingServiceRefusesToStart_data()
+{
+    QTest::addColumn<QJsonValue>("failServices");
+    QTest::addColumn<QString>("service");
+    QTest::addColumn<int>("expected");
+    QTest::newRow("named error") << QJsonValue(QJsonObject{{"com.apple.afc", "ServiceLimit"}})
+                                 << "com.apple.afc" << int(LOCKDOWN_E_SERVICE_LIMIT);
+    QTest::newRow("list: prohibited") << QJsonValue(QJsonArray{"com.apple.afc"}) << "com.apple.afc"
+                                      << int(LOCKDOWN_E_SERVICE_PROHIBITED);
+    QTest::newRow("other services still start")
+        << QJsonValue(QJsonArray{"com.apple.mobile.installation_proxy"}) << "com.apple.afc"
+        << int(LOCKDOWN_E_SUCCESS);
+}
+
+void TestDevsimApi::failingServiceRefusesToStart()
+{
+    QFETCH(QJsonValue, failServices);
+    QFETCH(QString, service);
+    QFETCH(int, expected);
+    static int seed = 100;
+    const QString udid = DevSim::makeUdid(++seed);
+    QJsonObject profile = DevSim::minimalProfile(udid);
+    profile["faults"] = QJsonObject{{"failServices", failServices}};
+    QVERIFY(mSim.attach(mSim.writeProfile(profile)));
+    {
+        Session session(udid);
+        QVERIFY(session.ok());
+        lockdownd_service_descriptor_t descriptor = nullptr;
+        QCOMPARE(int(lockdownd_start_service(session.lockdown, service.toLatin1().constData(),
+                                             &descriptor)),
+                 expected);
+        lockdownd_service_descriptor_free(descriptor);
+    }
+    QVERIFY(mSim.detach(udid));
+}
+
+void TestDevsimApi::afcWriteKeepsOnlyPartOfEachWrite()
+{
+    const QString udid = DevSim::makeUdid(31);
+    QJsonObject profile = DevSim::minimalProfile(udid);
+    profile["faults"] = QJsonObject{{"afcWriteLimit", 1000}};
+    QVERIFY(mSim.attach(mSim.writeProfile(profile)));
+    {
+        Session session(udid);
+        Afc afc(session.afc());
+        QVERIFY(afc);
+        // The host is told every write succeeded...
+        const QByteArray bytes = patternBytes(3 * 4096, 3);
+        QVERIFY(writeAfcFile(afc.get(), "/partial.bin", bytes, 4096));
+        // ...but the device kept only the first 1000 bytes of each.
+        QByteArray expected = bytes.mid(0, 1000) + bytes.mid(4096, 1000) + bytes.mid(8192, 1000);
+        QCOMPARE(readAfcFile(afc.get(), "/partial.bin", 65536), expected);
+    }
+    QVERIFY(mSim.detach(udid));
+}
+
+void TestDevsimApi::serviceConnectionDroppedAfterBytes()
+{
+    const QString udid = DevSim::makeUdid(32);
+    QJsonObject profile = DevSim::minimalProfile(udid);
+    profile["media"] = QJsonArray{QJsonObject{{"path", "/big.bin"}, {"size", 1 << 20}}};
+    profile["faults"] = QJsonObject{{"dropAfterBytes", 100000}, {"dropService", "com.apple.afc"}};
+    QVERIFY(mSim.attach(mSim.writeProfile(profile)));
+    {
+        Session session(udid);
+        Afc afc(session.afc());
+        QVERIFY(afc);
+        // The connection ends inside the file: the host gets the first reads, then the
+        // connection fails (libimobiledevice does not notice the cut inside a packet, so
+        // the packet that was cut may still count as whole).
+        const QByteArray got = readAfcFile(afc.get(), "/big.bin", 65536);
+        QVERIFY2(got.size() >= 65536 && got.size() <= 2 * 65536,
+                 qPrintable(QString::number(got.size())));
+        afc_error_t rc = AFC_E_SUCCESS;
+        fileInfo(afc.get(), "/big.bin", &rc);
+        QVERIFY(rc != AFC_E_SUCCESS);
+        // Lockdown itself is not affected.
+        plist_t value = nullptr;
+        QCOMPARE(lockdownd_get_value(session.lockdown, nullptr, "DeviceName", &value),
+                 LOCKDOWN_E_SUCCESS);
+        plist_free(value);
+    }
+    QVERIFY(mSim.detach(udid));
 }
 
 KAVREL_TEST_MAIN(TestDevsimApi)

@@ -52,7 +52,7 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
         return fail("no temporary folder");
     mSocketPath = mDir.filePath("usbmuxd.sock");
     mStartedUdids.clear();
-    mStderr.clear();
+    QFile::remove(logPath());
 
     QStringList arguments{"--socket", mSocketPath, "--state", mDir.filePath("state")};
     arguments += extraArguments;
@@ -60,6 +60,8 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
     mProcess.setProgram(binary);
     mProcess.setArguments(arguments);
     mProcess.setProcessChannelMode(QProcess::SeparateChannels);
+    // Standard error goes to a file: it is read at any time, with no event loop running.
+    mProcess.setStandardErrorFile(logPath());
     mProcess.start();
     if (!mProcess.waitForStarted(10000))
         return fail("kavrel-devsim did not start: " + mProcess.errorString());
@@ -70,9 +72,8 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
     timer.start();
     while (!out.contains("ready ")) {
         if (mProcess.state() != QProcess::Running || timer.elapsed() > 60000) {
-            mStderr += QString::fromLocal8Bit(mProcess.readAllStandardError());
             stop();
-            return fail("kavrel-devsim did not become ready: " + mStderr.trimmed());
+            return fail("kavrel-devsim did not become ready: " + log().trimmed());
         }
         mProcess.waitForReadyRead(200);
         out += mProcess.readAllStandardOutput();
@@ -216,10 +217,10 @@ QString DevSim::rootDir(const QString& udid) const
     return ok ? lines.last().mid(3).trimmed() : QString();
 }
 
-QString DevSim::log()
+QString DevSim::log() const
 {
-    mStderr += QString::fromLocal8Bit(mProcess.readAllStandardError());
-    return mStderr;
+    QFile file(logPath());
+    return file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll()) : QString();
 }
 
 QString DevSim::shippedProfile(const QString& name)

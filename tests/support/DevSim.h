@@ -46,7 +46,8 @@ public:
     // Sends one control command; the answer's lines (the last is "OK ..." or "ERROR ...").
     QStringList control(const QString& command, bool* ok = nullptr) const;
     // What the simulator wrote to standard error so far (with --verbose: its traffic).
-    QString log();
+    QString log() const;
+    QString logPath() const { return mDir.filePath("devsim.log"); }
 
     // Path of a shipped profile ("iphone" -> .../tools/devsim/profiles/iphone.json).
     static QString shippedProfile(const QString& name);
@@ -66,7 +67,6 @@ private:
     QProcess mProcess;
     QString mSocketPath;
     QStringList mStartedUdids;
-    QString mStderr;
     QByteArray mPreviousAddress;
     bool mHadPreviousAddress = false;
     bool mEnvironmentSet = false;

@@ -194,10 +194,11 @@ private:
 
     bool skipPayload()
     {
-        std::vector<char> scratch(std::min<uint64_t>(mPayload, kChunk));
+        if (mBuffer.size() < kChunk)
+            mBuffer.resize(kChunk);
         while (mPayload > 0) {
-            size_t n = static_cast<size_t>(std::min<uint64_t>(mPayload, scratch.size()));
-            if (!mStream.readFully(scratch.data(), n))
+            size_t n = static_cast<size_t>(std::min<uint64_t>(mPayload, mBuffer.size()));
+            if (!mStream.readFully(mBuffer.data(), n))
                 return false;
             mPayload -= n;
         }
@@ -553,7 +554,10 @@ private:
         // Fault injection: the device keeps only part of each write and says nothing.
         int64_t limit = mDevice ? mDevice->faults().afcWriteLimit : -1;
         uint64_t keep = limit < 0 ? mPayload : std::min<uint64_t>(mPayload, uint64_t(limit));
-        std::vector<char> buffer(static_cast<size_t>(std::min<uint64_t>(mPayload, kChunk)));
+        // One buffer for the session: a fresh megabyte per write costs more than the I/O.
+        std::vector<char>& buffer = mBuffer;
+        if (buffer.size() < kChunk)
+            buffer.resize(kChunk);
         bool failed = false;
         int failure = 0;
         while (mPayload > 0) {
@@ -679,6 +683,7 @@ private:
     uint64_t mPayload = 0;
     uint64_t mPacket = 0;
     std::map<uint64_t, int> mFiles;
+    std::vector<char> mBuffer;
     uint64_t mNextHandle = 1;
 };
 
