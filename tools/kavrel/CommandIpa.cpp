@@ -9,6 +9,7 @@
 #include "Utility.h"
 
 #include <QFileInfo>
+#include <QSqlQuery>
 
 using namespace kavrelcli;
 
@@ -52,6 +53,52 @@ QString parseProblem(const QString& file, IpaParser::IpaInfo& info)
     return QString();
 }
 
+// Saving overwrites every size column. The bundle and documents sizes describe the app
+// as installed on a device, which a file cannot tell, so a known app keeps its measured
+// ones. They are read straight from the catalog: a record read by getAppById passes
+// sizes through a signed 32-bit integer, which would corrupt sizes above 2 GiB.
+void keepDeviceSizes(IpaParser::IpaInfo& info)
+{
+    QSqlQuery query;
+    query.prepare(
+        QStringLiteral("SELECT appsize, docsize FROM table_appinfo WHERE appid = :appid"));
+    query.bindValue(QStringLiteral(":appid"), info.mAppId);
+    if (!query.exec() || !query.next())
+        return;
+    info.mAppSize = query.value(0).toULongLong();
+    info.mDocSize = query.value(1).toULongLong();
+}
+
+bool holdsApostrophe(const IpaParser::IpaInfo& info)
+{
+    const QStringList texts{
+        info.mAppType, info.mAppName, info.mVersion,  info.mMinOsVer,
+        info.mAppleId, info.mIpaPath, info.mIconName, info.mDevices.join(QLatin1Char(','))};
+    return texts.join(QString()).contains(QLatin1Char('\''));
+}
+
+// Saves the record and reads it back; empty when the catalog holds it. The catalog
+// refuses an update whose texts hold an apostrophe and keeps the stored row, so a save
+// is only reported as done when the row reads back as this file's local app.
+QString storeRecord(DBManager* db, IpaParser::IpaInfo& info)
+{
+    keepDeviceSizes(info);
+    db->saveAppinfo(&info);
+    // A row that existed before keeps its icon; one without an icon gets this one.
+    if (!info.mIcon.isEmpty())
+        db->saveAppIcon(info.mAppId, info.mIcon);
+    IpaParser::IpaInfo stored;
+    if (!db->getAppById(info.mAppId, &stored))
+        return QStringLiteral("could not store the record in the catalog");
+    if (stored.mInLocal && stored.mIpaPath == info.mIpaPath && stored.mAppName == info.mAppName &&
+        stored.mVersion == info.mVersion)
+        return QString();
+    if (holdsApostrophe(info))
+        return QStringLiteral("the catalog kept its earlier record of this app: it cannot "
+                              "update a record whose texts hold an apostrophe");
+    return QStringLiteral("the catalog kept its earlier record of this app");
+}
+
 int runIpa(const QStringList& args)
 {
     QCommandLineParser parser;
@@ -87,12 +134,9 @@ int runIpa(const QStringList& args)
         // listed under its file's name rather than not at all.
         if (info.mAppName.isEmpty())
             info.mAppName = QFileInfo(file).completeBaseName();
-        db->saveAppinfo(&info);
-        // A row that existed before keeps its icon; one without an icon gets this one.
-        if (!info.mIcon.isEmpty())
-            db->saveAppIcon(info.mAppId, info.mIcon);
-        if (!db->appExists(info.mAppId)) {
-            err() << "kavrel ipa: " << file << ": could not store the record in the catalog\n";
+        const QString refused = storeRecord(db, info);
+        if (!refused.isEmpty()) {
+            err() << "kavrel ipa: " << file << ": " << refused << "\n";
             err().flush();
             ++failures;
             continue;
