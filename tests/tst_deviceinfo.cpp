@@ -7,6 +7,7 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMetaMethod>
 #include <QSignalSpy>
 
 using namespace kavreltest;
@@ -68,6 +69,42 @@ private slots:
     {
         if (!DeviceSim::available())
             QSKIP("kavrel-devsim is not built");
+    }
+
+    void managerInterfaceOrder()
+    {
+        // Hosts may address these by index, so the order is part of the interface.
+        const QMetaObject& meta = DeviceManager::staticMetaObject;
+        QStringList methods;
+        for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
+            const QMetaMethod m = meta.method(i);
+            QStringList names;
+            for (const QByteArray& name : m.parameterNames())
+                names << QString::fromLatin1(name);
+            methods << QStringLiteral("%1 %2 %3")
+                           .arg(m.methodType() == QMetaMethod::Signal ? "signal" : "slot",
+                                QString::fromLatin1(m.methodSignature()), names.join(','));
+        }
+        const QStringList expected{
+            "signal signalAppSize(QString,QString) udid,jsonSizes",
+            "signal signalAppIconsReady(QString,QString) udid,jsonApps",
+            "signal signalDevInfo(QString,QString) udid,devInfo",
+            "signal signalUpdateDevInfo(QString,QString,bool) udid,key,suc",
+            "signal signalAppList(QString,QString,QStringList) udid,jsonApps,appIds",
+            "signal signalDevProgress(QString) status",
+            "signal signalAppUninstalled(QString) appid",
+            "slot slotAppIconsDone(QString) udid",
+            "slot slotAppSizeDone(QString) udid",
+            "slot slotDevInfo(QString,QString) udid,devInfo",
+            "slot slotUpdateDevInfo(QString,QString,bool) udid,key,suc",
+            "slot slotAppList(QString,QString,QStringList) udid,jsonApps,appIds",
+            "slot slotAppListFailed() ",
+            "slot slotDevProgress(QString) status",
+            "slot slotInstallFinished(QString) status",
+            "slot slotAppUninstalled(QString) appid",
+            "slot slotInstallerTimeout() ",
+        };
+        QCOMPARE(methods, expected);
     }
 
     void report_data()
