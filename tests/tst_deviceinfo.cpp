@@ -9,6 +9,7 @@
 #include <QJsonObject>
 #include <QMetaMethod>
 #include <QSignalSpy>
+#include <QThreadPool>
 
 using namespace kavreltest;
 
@@ -322,6 +323,28 @@ private slots:
         if (!written)
             QCOMPARE(global.value("DeviceName").toString(), QStringLiteral("Test iPhone"));
         QCOMPARE(TestDeviceManagerAccess::infoJobs(manager), 0);
+    }
+
+    void managerGoneBeforeAnswers()
+    {
+        // Destroying the manager does not wait for running workers; their results go
+        // nowhere and nothing touches the released jobs.
+        DeviceSim sim;
+        QVERIFY(sim.start({DeviceProfile(testUdid(1))}));
+        LogCapture log;
+        auto* manager = new DeviceManager;
+        QSignalSpy spy(manager, &DeviceManager::signalDevInfo);
+        for (int i = 0; i < 4; ++i)
+            manager->getDevInfo(testUdid(1));
+        manager->updateDevInfo(testUdid(1), QStringLiteral("DeviceName"), QStringLiteral("Late"));
+        delete manager;
+        QVERIFY(QThreadPool::globalInstance()->waitForDone(60000));
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        QCoreApplication::processEvents();
+        QCOMPARE(spy.count(), 0);
+        QVERIFY(!log.contains(QStringLiteral("slotDataReady")));
+        // The workers did run to their end.
+        QCOMPARE(log.count(QStringLiteral("DeviceInfo::getDiskUsageInfo")), 4);
     }
 
     void manyRequestsAtOnce()
