@@ -9,6 +9,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QTemporaryDir>
 
 namespace {
@@ -44,6 +46,8 @@ private slots:
     void init();
     void ipaThenCatalogThenIcon();
     void brokenFilesLeaveCatalogAsItWas();
+    void readdingKeepsDeviceSizes();
+    void refusedUpdateIsReported();
     void hostSuppliesDefaultIcon();
     void usageErrors_data();
     void usageErrors();
@@ -167,6 +171,51 @@ void TestCatalogCli::brokenFilesLeaveCatalogAsItWas()
     QVERIFY(after.contains("com.example.later"));
     QCOMPARE(QString(after).replace(QRegularExpression(", \\{[^}]*com.example.later[^}]*\\}"), ""),
              before);
+}
+
+void TestCatalogCli::readdingKeepsDeviceSizes()
+{
+    const QString path = writeIpa("sized.ipa", "com.example.sized", "Sized", "icon");
+    QCOMPARE(kavrel({"ipa", path}).code, 0);
+    {
+        // The app is also on a device, whose sizes were measured meanwhile.
+        QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "catalog");
+        db.setDatabaseName(mHome->filePath("Documents/norva/norvahelper.db"));
+        QVERIFY(db.open());
+        QVERIFY(QSqlQuery(db).exec("UPDATE table_appinfo SET appsize=5000, docsize=600, "
+                                   "indevice=1 WHERE appid='com.example.sized'"));
+        db.close();
+    }
+    QSqlDatabase::removeDatabase("catalog");
+
+    QCOMPARE(kavrel({"ipa", path}).code, 0);
+    const QJsonObject app = QJsonDocument::fromJson(kavrel({"catalog", "device"}).out.toUtf8())
+                                .object()["apps"]
+                                .toArray()
+                                .first()
+                                .toObject();
+    QCOMPARE(app["bundle_id"].toString(), QStringLiteral("com.example.sized"));
+    QCOMPARE(app["appsize"].toInt(), 5000);
+    QCOMPARE(app["docsize"].toInt(), 600);
+    QCOMPARE(qint64(app["ipasize"].toDouble()), QFileInfo(path).size());
+}
+
+void TestCatalogCli::refusedUpdateIsReported()
+{
+    // A name with an apostrophe is stored by the first save (a bound insert), but the
+    // catalog refuses to update the row with it: the second file must not pass as added.
+    const QString first = writeIpa("first.ipa", "com.example.toms", "Tom's Game", "icon");
+    const QString second = writeIpa("second.ipa", "com.example.toms", "Tom's Game", "icon");
+    QCOMPARE(kavrel({"ipa", first}).code, 0);
+    const QString before = kavrel({"catalog", "local"}).out;
+    QVERIFY(before.contains("Tom's Game"));
+
+    QCOMPARE(kavrel({"ipa", first}).code, 0); // nothing to change: the row already says so
+    const Run r = kavrel({"ipa", second});
+    QCOMPARE(r.code, 1);
+    QVERIFY(r.out.isEmpty());
+    QVERIFY2(r.err.contains(second) && r.err.contains("apostrophe"), qPrintable(r.err));
+    QCOMPARE(kavrel({"catalog", "local"}).out, before);
 }
 
 void TestCatalogCli::hostSuppliesDefaultIcon()

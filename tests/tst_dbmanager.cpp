@@ -404,8 +404,9 @@ void TestDBManager::apostrophesNeverReachSql()
     QVERIFY(mDb->saveAppinfo(&evil));
     QVERIFY(log.hasLine(QStringLiteral("insertAppInfo result:  false")));
 
-    // An apostrophe in a value of an update fails it; the old values stay.
-    IpaParser::IpaInfo named = record("com.example.two", "Rock'n'Roll");
+    // An apostrophe in a value of an update fails it, even where the text would still be
+    // valid SQL (here it would rename the app); the old values stay.
+    IpaParser::IpaInfo named = record("com.example.two", "Rock',appname='Roll");
     named.mAppSize = 99;
     log.clear();
     mDb->saveAppinfo(&named);
@@ -508,9 +509,10 @@ void TestDBManager::settingsRow()
         QStringLiteral("\"UPDATE table_setting SET pcversion='1.1',downloaddir='/home/u/"
                        "Downloads',itunesdir='/home/u/Music/iTunes',ipacheck=0,"
                        "ipainstall=1,autoupgrade=0 WHERE pcversion <> ''\"")));
-    // A folder with an apostrophe cannot be stored by an update: the old value stays.
+    // A folder with an apostrophe cannot be stored by an update: the old values stay,
+    // also where the text would be valid SQL that rewrites another column.
     SettingInfo quoted = read;
-    quoted.mDownloadDir = "/home/o'brien";
+    quoted.mDownloadDir = "/home/x',pcversion='hijacked";
     mDb->updateSetting(&quoted);
 
     SettingInfo again;
@@ -576,6 +578,7 @@ void TestDBManager::dropClosesConnection()
     mDb->drop();
     QVERIFY(log.hasLine(QStringLiteral("DBManager::drop")));
     QVERIFY(!mDb->appExists("com.example.before-drop"));
+    QCOMPARE(mDb->getAppsAsJson(0), QString()); // a failed select gives no JSON at all
     QVERIFY(!mDb->execQuery(QStringLiteral("SELECT 1")));
     QVERIFY(log.contains(QStringLiteral("Error: failed to exec query: ")));
     QCOMPARE(DBManager::instance(), mDb);

@@ -44,13 +44,17 @@ plist_t readPlistEntry(zip* archive, const char* name, bool* entryRead = nullptr
     return plist;
 }
 
+// A missing metadata entry is no error. One that is present is always handed on, also
+// when it does not parse: parseMetadata then logs the refused argument.
 void applyMetadata(zip* archive, IpaParser::IpaInfo* info)
 {
-    plist_t metadata = readPlistEntry(archive, "iTunesMetadata.plist");
-    if (!metadata)
+    bool entryRead = false;
+    plist_t metadata = readPlistEntry(archive, "iTunesMetadata.plist", &entryRead);
+    if (!entryRead)
         return;
     IpaParser::parseMetadata(metadata, info);
-    plist_free(metadata);
+    if (metadata)
+        plist_free(metadata);
 }
 
 // The icon named by the record, else "icon.png"; empty when neither is in the archive.

@@ -153,8 +153,10 @@ QStringList gEvents;
 void recordEvent(const idevice_event_t* event, void*)
 {
     QMutexLocker lock(&gEventLock);
-    gEvents << QString("%1 %2").arg(event->event == IDEVICE_DEVICE_ADD ? "add" : "remove",
-                                    QString::fromLatin1(event->udid));
+    const char* kind = event->event == IDEVICE_DEVICE_ADD      ? "add"
+                       : event->event == IDEVICE_DEVICE_REMOVE ? "remove"
+                                                               : "paired";
+    gEvents << QString("%1 %2").arg(kind, QString::fromLatin1(event->udid));
 }
 
 bool waitForEvent(const QString& event, int timeoutMs = 10000)
@@ -232,6 +234,39 @@ void TestDevsimApi::handshakeOpensTlsSession()
     // A second, independent session to the same device.
     Session second(kPhone);
     QVERIFY(second.ok());
+
+    // Leaving TLS and entering it again on the same connection.
+    char* hostId = nullptr;
+    char* record = nullptr;
+    uint32_t size = 0;
+    QCOMPARE(usbmuxd_read_pair_record(kPhone.toLatin1().constData(), &record, &size), 0);
+    plist_t pairRecord = nullptr;
+    plist_from_bin(record, size, &pairRecord);
+    free(record);
+    plist_get_string_val(plist_dict_get_item(pairRecord, "HostID"), &hostId);
+    plist_free(pairRecord);
+    for (int round = 0; round < 2; ++round) {
+        type = nullptr;
+        QCOMPARE(lockdownd_query_type(second.lockdown, &type), LOCKDOWN_E_SUCCESS);
+        free(type);
+        char* sessionId = nullptr;
+        int ssl = 0;
+        QCOMPARE(lockdownd_start_session(second.lockdown, hostId, &sessionId, &ssl),
+                 LOCKDOWN_E_SUCCESS);
+        QCOMPARE(ssl, 1);
+        value = nullptr;
+        QCOMPARE(lockdownd_get_value(second.lockdown, nullptr, "ProductType", &value),
+                 LOCKDOWN_E_SUCCESS);
+        QCOMPARE(stringValue(value), QString("iPhone12,3"));
+        plist_free(value);
+        QCOMPARE(lockdownd_stop_session(second.lockdown, sessionId), LOCKDOWN_E_SUCCESS);
+        free(sessionId);
+    }
+    // An unknown host id is refused.
+    QCOMPARE(lockdownd_start_session(second.lockdown, "00000000-0000-0000-0000-000000000000",
+                                     nullptr, nullptr),
+             LOCKDOWN_E_INVALID_HOST_ID);
+    free(hostId);
 }
 
 void TestDevsimApi::valuesReadAndWritten()
@@ -497,6 +532,11 @@ void TestDevsimApi::hotPlugEventsReachSubscribers()
         QMutexLocker lock(&gEventLock);
         gEvents.clear();
     }
+    char* raw = nullptr;
+    uint32_t rawSize = 0;
+    QCOMPARE(usbmuxd_read_pair_record(kPad.toLatin1().constData(), &raw, &rawSize), 0);
+    const QByteArray record(raw, int(rawSize));
+    free(raw);
     QCOMPARE(idevice_event_subscribe(recordEvent, nullptr), IDEVICE_E_SUCCESS);
     // Devices already attached are announced first.
     QVERIFY(waitForEvent("add " + kPhone));
@@ -507,6 +547,11 @@ void TestDevsimApi::hotPlugEventsReachSubscribers()
     QVERIFY(waitForEvent("add " + udid));
     QVERIFY(mSim.detach(udid));
     QVERIFY(waitForEvent("remove " + udid));
+    // A host saving the pair record of an attached device makes usbmuxd announce it.
+    QCOMPARE(usbmuxd_save_pair_record_with_device_id(kPad.toLatin1().constData(), 2,
+                                                     record.constData(), uint32_t(record.size())),
+             0);
+    QVERIFY(waitForEvent("paired " + kPad));
     idevice_event_unsubscribe();
     QMutexLocker lock(&gEventLock);
     QCOMPARE(gEvents.count("add " + udid), 1);

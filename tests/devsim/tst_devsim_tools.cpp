@@ -159,6 +159,15 @@ void TestDevsimTools::ctlReportsErrors_data()
         << QStringList{"attach", "/no/such/profile.json"} << "cannot read profile";
     QTest::newRow("attach twice") << QStringList{"attach", "iphone"} << "already attached";
     QTest::newRow("unknown verb") << QStringList{"explode"} << "unknown command";
+    const QString broken = mSim.tempDir() + "/broken.json";
+    kavreltest::writeFile(broken, "{\"udid\": \"abc\", \"lockdown\": {\"global\": [1, }");
+    QTest::newRow("invalid JSON") << QStringList{"attach", broken} << "not valid JSON";
+    const QString badUdid = mSim.tempDir() + "/badudid.json";
+    kavreltest::writeFile(badUdid, "{\"udid\": \"../../etc\"}");
+    QTest::newRow("udid with a path") << QStringList{"attach", badUdid} << "\"udid\"";
+    const QString noDict = mSim.tempDir() + "/array.json";
+    kavreltest::writeFile(noDict, "[1, 2, 3]");
+    QTest::newRow("not a dictionary") << QStringList{"attach", noDict} << "profile";
 }
 
 void TestDevsimTools::ctlReportsErrors()

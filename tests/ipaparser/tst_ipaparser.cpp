@@ -8,10 +8,6 @@
 #include <QImage>
 #include <QTemporaryDir>
 
-#include <plist/plist.h>
-
-#include <cstdlib>
-
 using Entries = QList<QPair<QString, QByteArray>>;
 Q_DECLARE_METATYPE(Entries)
 
@@ -46,17 +42,7 @@ plist_t toPlistNode(const QVariant& value)
 
 QByteArray plistBytes(const QVariantMap& map, bool binary)
 {
-    plist_t root = toPlistNode(map);
-    char* bytes = nullptr;
-    uint32_t length = 0;
-    if (binary)
-        plist_to_bin(root, &bytes, &length);
-    else
-        plist_to_xml(root, &bytes, &length);
-    const QByteArray result(bytes, int(length));
-    free(bytes);
-    plist_free(root);
-    return result;
+    return kavreltest::plistBytes(toPlistNode(map), binary);
 }
 
 QVariantMap sampleInfo()
@@ -106,6 +92,7 @@ private slots:
     void parseIpa();
     void refusedArchives_data();
     void refusedArchives();
+    void unparsableMetadataIsPassedOn();
     void defaultIconFromResource();
     void defaultIconWhenResourceAbsent();
     void pathWithSpacesAndNonAscii();
@@ -313,6 +300,26 @@ void TestIpaParser::refusedArchives()
     QVERIFY(!IpaParser::parseIpa(path, &info));
     QVERIFY2(log.contains(logLine), qPrintable(log.dump()));
     QVERIFY(info.mIcon.isEmpty());
+}
+
+void TestIpaParser::unparsableMetadataIsPassedOn()
+{
+    // A metadata entry that is present but no property list reaches parseMetadata as a
+    // null node: refused there, and the parse goes on with Info.plist.
+    const QString path = writeIpa(QStringLiteral("badmeta.ipa"),
+                                  {{"iTunesMetadata.plist", "bplist00 but not really"},
+                                   {kApp + "Info.plist", plistBytes(sampleInfo(), true)},
+                                   {kApp + "AppIcon.png", kIconA}});
+    kavreltest::LogCapture log;
+    IpaParser::IpaInfo info;
+    info.mAppleId = QStringLiteral("preset-apple");
+    QVERIFY(IpaParser::parseIpa(path, &info));
+    const QStringList lines = log.lines();
+    const int at = lines.indexOf(QStringLiteral("IpaParser::parseMetadata"));
+    QVERIFY2(at >= 0, qPrintable(log.dump()));
+    QCOMPARE(lines.value(at + 1), QStringLiteral("Invalid parameters."));
+    QCOMPARE(info.mAppleId, QStringLiteral("preset-apple"));
+    QCOMPARE(info.mAppId, QStringLiteral("com.example.sample"));
 }
 
 void TestIpaParser::defaultIconFromResource()

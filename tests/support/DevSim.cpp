@@ -54,7 +54,8 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
     mStartedUdids.clear();
     QFile::remove(logPath());
 
-    QStringList arguments{"--socket", mSocketPath, "--state", mDir.filePath("state")};
+    QStringList arguments{"--socket", mSocketPath, "--state", mDir.filePath("state"),
+                          "--exit-with-parent"};
     arguments += extraArguments;
     arguments += profiles;
     mProcess.setProgram(binary);

@@ -720,13 +720,20 @@ void Device::saveTrustedHosts() const
 
 uint16_t Device::openServicePort(const std::string& service)
 {
+    const auto now = std::chrono::steady_clock::now();
     std::lock_guard<std::mutex> lock(mLock);
+    for (auto it = mServicePorts.begin(); it != mServicePorts.end();) {
+        if (now - it->second.opened > std::chrono::minutes(1))
+            it = mServicePorts.erase(it);
+        else
+            ++it;
+    }
     for (int tries = 0; tries < 16384; ++tries) {
         uint16_t port = mNextPort++;
         if (mNextPort == 0 || mNextPort < 49152)
             mNextPort = 49152;
         if (!mServicePorts.count(port)) {
-            mServicePorts[port] = service;
+            mServicePorts[port] = OpenPort{service, now};
             return port;
         }
     }
@@ -739,7 +746,7 @@ std::string Device::takeServicePort(uint16_t port)
     auto it = mServicePorts.find(port);
     if (it == mServicePorts.end())
         return {};
-    std::string service = it->second;
+    std::string service = it->second.service;
     mServicePorts.erase(it);
     return service;
 }

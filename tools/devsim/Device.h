@@ -7,6 +7,7 @@
 #include "Crypto.h"
 #include "Plist.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -110,6 +111,7 @@ public:
     std::string escrowBag() const { return mEscrowBag; }
 
     // Started services: a fresh port per StartService, consumed by the first connection.
+    // A port nobody connects to closes after a minute, as on a device.
     uint16_t openServicePort(const std::string& service);
     // The service waiting on port, or "" (and the port is closed).
     std::string takeServicePort(uint16_t port);
@@ -171,7 +173,12 @@ private:
     std::set<std::string> mTrustedHosts;
     std::string mInitialPairRecord;
     std::string mEscrowBag;
-    std::map<uint16_t, std::string> mServicePorts;
+    struct OpenPort
+    {
+        std::string service;
+        std::chrono::steady_clock::time_point opened;
+    };
+    std::map<uint16_t, OpenPort> mServicePorts;
     uint16_t mNextPort = 49152;
     std::map<std::string, std::shared_ptr<const App>> mApps;
     std::map<int, Observer> mObservers;

@@ -57,6 +57,8 @@ public:
     void removeListener(Stream* stream);
     // Sends a usbmuxd message to every listener; called with mListenLock held.
     void notifyListeners(plist_t message);
+    // Sends listeners a Paired event for the device.
+    void announcePaired(uint32_t deviceId);
 
     // Worker threads, counted so that shutdown can wait for them.
     void spawn(void (*body)(Simulator&, int fd), int fd);

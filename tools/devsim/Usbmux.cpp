@@ -9,6 +9,8 @@
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <sys/socket.h>
+#include <sys/time.h>
 
 namespace devsim {
 
@@ -123,6 +125,10 @@ void handleListen(Simulator& simulator, Stream& stream, uint32_t tag)
 {
     if (!sendResult(stream, tag, ResultOk))
         return;
+    // Events are written under the listener lock: a listener that stops reading must
+    // not hold up hot-plug for everyone else for long.
+    timeval timeout{5, 0};
+    setsockopt(stream.fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     simulator.addListener(&stream);
     // A listener only waits for events; whatever it sends is ignored until it closes.
     char scratch[4096];
@@ -156,6 +162,14 @@ void handleSavePairRecord(Simulator& simulator, Stream& stream, uint32_t tag, pl
     }
     simulator.savePairRecord(id, data);
     sendResult(stream, tag, ResultOk);
+    // Like usbmuxd, tell listeners when the record belongs to an attached device.
+    if (plist_t idNode = dictItem(request, "DeviceID", PLIST_UINT)) {
+        uint64_t deviceId = 0;
+        plist_get_uint_val(idNode, &deviceId);
+        auto device = simulator.deviceById(static_cast<uint32_t>(deviceId));
+        if (device && device->udid() == id)
+            simulator.announcePaired(device->deviceId());
+    }
 }
 
 // One request; false when the connection must end.
@@ -215,6 +229,15 @@ void Simulator::addListener(Stream* stream)
         sendMux(*stream, 0, message.get());
     }
     mListeners.insert(stream);
+}
+
+void Simulator::announcePaired(uint32_t deviceId)
+{
+    Plist message = plistDict();
+    dictSetString(message.get(), "MessageType", "Paired");
+    dictSetUInt(message.get(), "DeviceID", deviceId);
+    std::lock_guard<std::mutex> lock(mListenLock);
+    notifyListeners(message.get());
 }
 
 void Simulator::notifyListeners(plist_t message)

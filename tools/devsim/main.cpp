@@ -9,7 +9,9 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace devsim;
@@ -35,6 +37,7 @@ void usage(FILE* out)
         "profile). Point libimobiledevice programs at it with\n"
         "  USBMUXD_SOCKET_ADDRESS=UNIX:PATH\n"
         "Control commands: attach PROFILE, detach UDID, list, media UDID, root UDID, quit.\n"
+        "--exit-with-parent ends the simulator when the process that started it ends.\n"
         "The control socket is PATH.ctl unless --control says otherwise.\n",
         out);
 }
@@ -94,6 +97,12 @@ int main(int argc, char** argv)
             options.controlPath = argv[++i];
         } else if (arg == "--state" && i + 1 < argc) {
             options.stateDir = argv[++i];
+        } else if (arg == "--exit-with-parent") {
+            // A test that crashes must not leave its simulator behind.
+            pid_t parent = ::getppid();
+            ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+            if (::getppid() != parent)
+                return 0;
         } else if (arg == "--verbose" || arg == "-v") {
             setVerbose(true);
         } else if (arg == "-h" || arg == "--help") {

@@ -52,6 +52,47 @@ QString parseProblem(const QString& file, IpaParser::IpaInfo& info)
     return QString();
 }
 
+// Saving overwrites every size column. The bundle and documents sizes describe the app
+// as installed on a device, which a file cannot tell, so a known app keeps its measured ones.
+void keepDeviceSizes(DBManager* db, IpaParser::IpaInfo& info)
+{
+    IpaParser::IpaInfo stored;
+    if (!db->getAppById(info.mAppId, &stored))
+        return;
+    info.mAppSize = stored.mAppSize;
+    info.mDocSize = stored.mDocSize;
+}
+
+bool holdsApostrophe(const IpaParser::IpaInfo& info)
+{
+    const QStringList texts{
+        info.mAppType, info.mAppName, info.mVersion,  info.mMinOsVer,
+        info.mAppleId, info.mIpaPath, info.mIconName, info.mDevices.join(QLatin1Char(','))};
+    return texts.join(QString()).contains(QLatin1Char('\''));
+}
+
+// Saves the record and reads it back; empty when the catalog holds it. The catalog
+// refuses an update whose texts hold an apostrophe and keeps the stored row, so a save
+// is only reported as done when the row reads back as this file's local app.
+QString storeRecord(DBManager* db, IpaParser::IpaInfo& info)
+{
+    keepDeviceSizes(db, info);
+    db->saveAppinfo(&info);
+    // A row that existed before keeps its icon; one without an icon gets this one.
+    if (!info.mIcon.isEmpty())
+        db->saveAppIcon(info.mAppId, info.mIcon);
+    IpaParser::IpaInfo stored;
+    if (!db->getAppById(info.mAppId, &stored))
+        return QStringLiteral("could not store the record in the catalog");
+    if (stored.mInLocal && stored.mIpaPath == info.mIpaPath && stored.mAppName == info.mAppName &&
+        stored.mVersion == info.mVersion)
+        return QString();
+    if (holdsApostrophe(info))
+        return QStringLiteral("the catalog kept its earlier record of this app: it cannot "
+                              "update a record whose texts hold an apostrophe");
+    return QStringLiteral("the catalog kept its earlier record of this app");
+}
+
 int runIpa(const QStringList& args)
 {
     QCommandLineParser parser;
@@ -87,12 +128,9 @@ int runIpa(const QStringList& args)
         // listed under its file's name rather than not at all.
         if (info.mAppName.isEmpty())
             info.mAppName = QFileInfo(file).completeBaseName();
-        db->saveAppinfo(&info);
-        // A row that existed before keeps its icon; one without an icon gets this one.
-        if (!info.mIcon.isEmpty())
-            db->saveAppIcon(info.mAppId, info.mIcon);
-        if (!db->appExists(info.mAppId)) {
-            err() << "kavrel ipa: " << file << ": could not store the record in the catalog\n";
+        const QString refused = storeRecord(db, info);
+        if (!refused.isEmpty()) {
+            err() << "kavrel ipa: " << file << ": " << refused << "\n";
             err().flush();
             ++failures;
             continue;
