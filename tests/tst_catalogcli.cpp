@@ -182,7 +182,8 @@ void TestCatalogCli::readdingKeepsDeviceSizes()
         QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "catalog");
         db.setDatabaseName(mHome->filePath("Documents/norva/norvahelper.db"));
         QVERIFY(db.open());
-        QVERIFY(QSqlQuery(db).exec("UPDATE table_appinfo SET appsize=5000, docsize=600, "
+        // The bundle size is above 2 GiB, out of reach of a signed 32-bit integer.
+        QVERIFY(QSqlQuery(db).exec("UPDATE table_appinfo SET appsize=5000000000, docsize=600, "
                                    "indevice=1 WHERE appid='com.example.sized'"));
         db.close();
     }
@@ -195,7 +196,7 @@ void TestCatalogCli::readdingKeepsDeviceSizes()
                                 .first()
                                 .toObject();
     QCOMPARE(app["bundle_id"].toString(), QStringLiteral("com.example.sized"));
-    QCOMPARE(app["appsize"].toInt(), 5000);
+    QCOMPARE(app["appsize"].toDouble(), 5000000000.0);
     QCOMPARE(app["docsize"].toInt(), 600);
     QCOMPARE(qint64(app["ipasize"].toDouble()), QFileInfo(path).size());
 }

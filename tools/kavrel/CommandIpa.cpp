@@ -9,6 +9,7 @@
 #include "Utility.h"
 
 #include <QFileInfo>
+#include <QSqlQuery>
 
 using namespace kavrelcli;
 
@@ -53,14 +54,19 @@ QString parseProblem(const QString& file, IpaParser::IpaInfo& info)
 }
 
 // Saving overwrites every size column. The bundle and documents sizes describe the app
-// as installed on a device, which a file cannot tell, so a known app keeps its measured ones.
-void keepDeviceSizes(DBManager* db, IpaParser::IpaInfo& info)
+// as installed on a device, which a file cannot tell, so a known app keeps its measured
+// ones. They are read straight from the catalog: a record read by getAppById passes
+// sizes through a signed 32-bit integer, which would corrupt sizes above 2 GiB.
+void keepDeviceSizes(IpaParser::IpaInfo& info)
 {
-    IpaParser::IpaInfo stored;
-    if (!db->getAppById(info.mAppId, &stored))
+    QSqlQuery query;
+    query.prepare(
+        QStringLiteral("SELECT appsize, docsize FROM table_appinfo WHERE appid = :appid"));
+    query.bindValue(QStringLiteral(":appid"), info.mAppId);
+    if (!query.exec() || !query.next())
         return;
-    info.mAppSize = stored.mAppSize;
-    info.mDocSize = stored.mDocSize;
+    info.mAppSize = query.value(0).toULongLong();
+    info.mDocSize = query.value(1).toULongLong();
 }
 
 bool holdsApostrophe(const IpaParser::IpaInfo& info)
@@ -76,7 +82,7 @@ bool holdsApostrophe(const IpaParser::IpaInfo& info)
 // is only reported as done when the row reads back as this file's local app.
 QString storeRecord(DBManager* db, IpaParser::IpaInfo& info)
 {
-    keepDeviceSizes(db, info);
+    keepDeviceSizes(info);
     db->saveAppinfo(&info);
     // A row that existed before keeps its icon; one without an icon gets this one.
     if (!info.mIcon.isEmpty())
