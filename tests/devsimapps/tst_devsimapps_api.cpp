@@ -336,12 +336,17 @@ void TestDevsimAppsApi::installReportsStepsAndNotifies()
     }
     QVERIFY(notifications.waitFor("com.apple.mobile.application_installed"));
 
-    // The proxy takes the next command on the same connection once the first thread ended.
-    QTest::qWait(1200);
+    // The proxy takes the next command on the same connection once the library's status
+    // thread of the first one has ended.
     StatusLog removal;
-    QCOMPARE(instproxy_uninstall(proxy.get(), "com.example.steps", nullptr, StatusLog::callback,
-                                 &removal),
-             INSTPROXY_E_SUCCESS);
+    instproxy_error_t sent = INSTPROXY_E_OP_IN_PROGRESS;
+    for (int tries = 0; sent == INSTPROXY_E_OP_IN_PROGRESS && tries < 100; ++tries) {
+        sent = instproxy_uninstall(proxy.get(), "com.example.steps", nullptr, StatusLog::callback,
+                                   &removal);
+        if (sent == INSTPROXY_E_OP_IN_PROGRESS)
+            QTest::qWait(50);
+    }
+    QCOMPARE(sent, INSTPROXY_E_SUCCESS);
     QVERIFY(removal.waitDone());
     QCOMPARE(removal.statuses,
              QStringList({"RemovingApplication 50", "GeneratingApplicationMap 90", "Complete"}));
