@@ -7,7 +7,9 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMetaMethod>
 #include <QSignalSpy>
+#include <QThreadPool>
 
 using namespace kavreltest;
 
@@ -68,6 +70,42 @@ private slots:
     {
         if (!DeviceSim::available())
             QSKIP("kavrel-devsim is not built");
+    }
+
+    void managerInterfaceOrder()
+    {
+        // Hosts may address these by index, so the order is part of the interface.
+        const QMetaObject& meta = DeviceManager::staticMetaObject;
+        QStringList methods;
+        for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
+            const QMetaMethod m = meta.method(i);
+            QStringList names;
+            for (const QByteArray& name : m.parameterNames())
+                names << QString::fromLatin1(name);
+            methods << QStringLiteral("%1 %2 %3")
+                           .arg(m.methodType() == QMetaMethod::Signal ? "signal" : "slot",
+                                QString::fromLatin1(m.methodSignature()), names.join(','));
+        }
+        const QStringList expected{
+            "signal signalAppSize(QString,QString) udid,jsonSizes",
+            "signal signalAppIconsReady(QString,QString) udid,jsonApps",
+            "signal signalDevInfo(QString,QString) udid,devInfo",
+            "signal signalUpdateDevInfo(QString,QString,bool) udid,key,suc",
+            "signal signalAppList(QString,QString,QStringList) udid,jsonApps,appIds",
+            "signal signalDevProgress(QString) status",
+            "signal signalAppUninstalled(QString) appid",
+            "slot slotAppIconsDone(QString) udid",
+            "slot slotAppSizeDone(QString) udid",
+            "slot slotDevInfo(QString,QString) udid,devInfo",
+            "slot slotUpdateDevInfo(QString,QString,bool) udid,key,suc",
+            "slot slotAppList(QString,QString,QStringList) udid,jsonApps,appIds",
+            "slot slotAppListFailed() ",
+            "slot slotDevProgress(QString) status",
+            "slot slotInstallFinished(QString) status",
+            "slot slotAppUninstalled(QString) appid",
+            "slot slotInstallerTimeout() ",
+        };
+        QCOMPARE(methods, expected);
     }
 
     void report_data()
@@ -285,6 +323,28 @@ private slots:
         if (!written)
             QCOMPARE(global.value("DeviceName").toString(), QStringLiteral("Test iPhone"));
         QCOMPARE(TestDeviceManagerAccess::infoJobs(manager), 0);
+    }
+
+    void managerGoneBeforeAnswers()
+    {
+        // Destroying the manager does not wait for running workers; their results go
+        // nowhere and nothing touches the released jobs.
+        DeviceSim sim;
+        QVERIFY(sim.start({DeviceProfile(testUdid(1))}));
+        LogCapture log;
+        auto* manager = new DeviceManager;
+        QSignalSpy spy(manager, &DeviceManager::signalDevInfo);
+        for (int i = 0; i < 4; ++i)
+            manager->getDevInfo(testUdid(1));
+        manager->updateDevInfo(testUdid(1), QStringLiteral("DeviceName"), QStringLiteral("Late"));
+        delete manager;
+        QVERIFY(QThreadPool::globalInstance()->waitForDone(60000));
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        QCoreApplication::processEvents();
+        QCOMPARE(spy.count(), 0);
+        QVERIFY(!log.contains(QStringLiteral("slotDataReady")));
+        // The workers did run to their end.
+        QCOMPARE(log.count(QStringLiteral("DeviceInfo::getDiskUsageInfo")), 4);
     }
 
     void manyRequestsAtOnce()

@@ -7,6 +7,7 @@
 #include "DeviceProfiles.h"
 #include "TestSupport.h"
 
+#include <QMetaMethod>
 #include <QMutex>
 
 #include <cstdlib>
@@ -256,6 +257,18 @@ private slots:
         QCOMPARE(size, total);
         if (!logLine.isEmpty())
             QVERIFY2(log.contains(logLine), qPrintable(log.dump()));
+    }
+
+    void listenerInterfaceOrder()
+    {
+        const QMetaObject& meta = DeviceListener::staticMetaObject;
+        QCOMPARE(QString::fromLatin1(meta.className()), QStringLiteral("DeviceListener"));
+        QStringList methods;
+        for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
+            methods << QString::fromLatin1(meta.method(i).methodSignature() + ' ' +
+                                           meta.method(i).parameterNames().join(','));
+        QCOMPARE(methods, (QStringList{"DeviceAdded(const char*) uuid",
+                                       "DeviceRemoved(const char*) uuid", "run() "}));
     }
 
     void hotPlug_data()
