@@ -5,12 +5,9 @@
 #include "CProcStartAMD.h"
 #include "TestSupport.h"
 
-#include <QElapsedTimer>
-#include <QFile>
 #include <QMetaMethod>
-#include <QProcess>
+#include <QScopeGuard>
 #include <QSignalSpy>
-#include <QTemporaryDir>
 #include <cerrno>
 #include <functional>
 #include <memory>
@@ -21,88 +18,56 @@
 
 namespace {
 
-const QByteArray kRunningQuery = "\n"
-                                 "SERVICE_NAME: Apple Mobile Device\n"
+const QByteArray kRunningQuery = "\nSERVICE_NAME: Apple Mobile Device\n"
                                  "        TYPE               : 10  WIN32_OWN_PROCESS\n"
                                  "        STATE              : 4  RUNNING\n"
-                                 "        WIN32_EXIT_CODE    : 0  (0x0)\n"
                                  "        SERVICE_EXIT_CODE  : 0  (0x0)\n";
-const QByteArray kStoppedQuery = "\n"
-                                 "SERVICE_NAME: Apple Mobile Device\n"
+const QByteArray kStoppedQuery = "\nSERVICE_NAME: Apple Mobile Device\n"
                                  "        STATE              : 1  STOPPED\n"
                                  "        SERVICE_EXIT_CODE  : 0  (0x0)\n";
-const QByteArray kStartPending = "\n"
-                                 "SERVICE_NAME: Apple Mobile Device\n"
+const QByteArray kStartPending = "\nSERVICE_NAME: Apple Mobile Device\n"
                                  "        STATE              : 2  START_PENDING\n"
-                                 "        SERVICE_EXIT_CODE  : 0  (0x0)\n"
-                                 "        PID                : 1234\n";
+                                 "        SERVICE_EXIT_CODE  : 0  (0x0)\n";
 const QByteArray kAlreadyRunning =
     "[SC] StartService FAILED 1056:\n\nAn instance of the service is already running.\n\n";
+const QByteArray kCrash = "kill -KILL $$\n";
 
 // Shell text that prints the given bytes.
 QByteArray printing(const QByteArray& text)
 {
     return "cat <<'EOF'\n" + text + "EOF\n";
 }
-const QByteArray kCrash = "kill -KILL $$\n";
 
-// A folder put in front of PATH while the object lives, to hold an `sc` of the test's own.
+bool writeScript(const QString& file, const QByteArray& body, bool executable = true)
+{
+    QFile::remove(file);
+    QFile::Permissions perms = QFile::ReadOwner | QFile::WriteOwner;
+    if (executable)
+        perms |= QFile::ExeOwner;
+    return kavreltest::writeFile(file, "#!/bin/sh\n" + body) && QFile::setPermissions(file, perms);
+}
+
+// A folder put in front of PATH while the object lives, holding an `sc` of the test's own
+// that records its arguments (joined by "|") in the folder's file "arguments".
 class ScFolder
 {
 public:
     explicit ScFolder(bool withSystemPath = true) : mOldPath(qgetenv("PATH"))
     {
-        QByteArray path = QFile::encodeName(mDir.path());
-        if (withSystemPath)
-            path += ":" + mOldPath;
-        qputenv("PATH", path);
+        qputenv("PATH",
+                QFile::encodeName(mDir.path()) + (withSystemPath ? ":" + mOldPath : QByteArray()));
     }
     ~ScFolder() { qputenv("PATH", mOldPath); }
     QString path(const QString& name) const { return mDir.filePath(name); }
     bool writeSc(const QByteArray& body, bool executable = true) const
     {
-        return writeScript(path("sc"), body, executable);
-    }
-    static bool writeScript(const QString& file, const QByteArray& body, bool executable = true)
-    {
-        QFile::remove(file);
-        if (!kavreltest::writeFile(file, "#!/bin/sh\n" + body))
-            return false;
-        QFile::Permissions perms = QFile::ReadOwner | QFile::WriteOwner;
-        if (executable)
-            perms |= QFile::ExeOwner;
-        return QFile::setPermissions(file, perms);
+        const QByteArray record = "printf '%s|' \"$@\" > '" + QFile::encodeName(path("arguments"));
+        return writeScript(path("sc"), record + "'\n" + body, executable);
     }
 
 private:
     QTemporaryDir mDir;
     QByteArray mOldPath;
-};
-
-// Sets an environment variable while the object lives.
-class EnvSetting
-{
-public:
-    EnvSetting(const char* name, const QByteArray& value)
-        : mName(name), mHad(qEnvironmentVariableIsSet(name)), mOld(qgetenv(name))
-    {
-        if (value.isNull())
-            qunsetenv(name);
-        else
-            qputenv(name, value);
-    }
-    ~EnvSetting()
-    {
-        if (mHad)
-            qputenv(mName, mOld);
-        else
-            qunsetenv(mName);
-    }
-
-private:
-    const char* mName;
-    bool mHad;
-    QByteArray mOld;
 };
 
 // One of the two wrappers with a spy on its answer; "check" or "start".
@@ -172,144 +137,53 @@ private:
     bool mOk = false;
 };
 
+// The class's own methods in index order: kind, access, signature, parameter names.
+QStringList ownMethods(const QMetaObject& mo)
+{
+    QStringList methods;
+    for (int i = mo.methodOffset(); i < mo.methodCount(); ++i) {
+        const QMetaMethod m = mo.method(i);
+        methods << QStringLiteral("%1 %2 %3 %4")
+                       .arg(m.methodType() == QMetaMethod::Signal ? "signal" : "slot",
+                            m.access() == QMetaMethod::Public ? "public" : "private",
+                            m.methodSignature(), m.parameterNames().join(','));
+    }
+    return methods;
+}
+
 } // namespace
 
 class TestServiceControl : public QObject
 {
     Q_OBJECT
 private slots:
-    void metaObjectMethods_data();
     void metaObjectMethods();
-    void commandKeepsQuotedServiceNameWhole_data();
-    void commandKeepsQuotedServiceNameWhole();
-    void answerFromOutput_data();
-    void answerFromOutput();
+    void runs_data();
+    void runs();
     void logLinesOfOneRun_data();
     void logLinesOfOneRun();
-    void secondRun_data();
-    void secondRun();
     void destroyedWrapperEndsChildWithoutAnswer_data();
     void destroyedWrapperEndsChildWithoutAnswer();
     void unstartableScSendsNoAnswer_data();
     void unstartableScSendsNoAnswer();
     void shippedSc_data();
     void shippedSc();
-    void wrappersAgainstShippedSc_data();
-    void wrappersAgainstShippedSc();
     void hostCommand_data();
     void hostCommand();
 };
 
-void TestServiceControl::metaObjectMethods_data()
-{
-    QTest::addColumn<QString>("className");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<QByteArray>("signature");
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("access");
-    QTest::addColumn<QByteArrayList>("names");
-
-    const int slot = QMetaMethod::Slot, sig = QMetaMethod::Signal;
-    const int pub = QMetaMethod::Public, priv = QMetaMethod::Private;
-    const QByteArrayList finishedNames{"exitCode", "exitStatus"};
-    const QByteArray finished = "slotProcFinished(int,QProcess::ExitStatus)";
-    QTest::newRow("base 0") << "CProcBase" << 0 << QByteArray("slotProcStartd()") << slot << pub
-                            << QByteArrayList();
-    QTest::newRow("base 1") << "CProcBase" << 1 << finished << slot << pub << finishedNames;
-    QTest::newRow("base 2") << "CProcBase" << 2
-                            << QByteArray("slotProcError(QProcess::ProcessError)") << slot << pub
-                            << QByteArrayList{"error"};
-    QTest::newRow("base 3") << "CProcBase" << 3
-                            << QByteArray("slotProcStateChanged(QProcess::ProcessState)") << slot
-                            << pub << QByteArrayList{""};
-    QTest::newRow("check 0") << "CProcCheckAMD" << 0 << QByteArray("signalServiceRunning(bool)")
-                             << sig << pub << QByteArrayList{"running"};
-    QTest::newRow("check 1") << "CProcCheckAMD" << 1 << finished << slot << pub << finishedNames;
-    QTest::newRow("start 0") << "CProcStartAMD" << 0 << QByteArray("signalStartAMD(bool)") << sig
-                             << pub << QByteArrayList{"suc"};
-    QTest::newRow("start 1") << "CProcStartAMD" << 1 << finished << slot << priv << finishedNames;
-}
-
 void TestServiceControl::metaObjectMethods()
 {
-    QFETCH(QString, className);
-    QFETCH(int, index);
-    QFETCH(QByteArray, signature);
-    QFETCH(int, type);
-    QFETCH(int, access);
-    QFETCH(QByteArrayList, names);
-
-    const QMetaObject* mo = className == "CProcBase"       ? &CProcBase::staticMetaObject
-                            : className == "CProcCheckAMD" ? &CProcCheckAMD::staticMetaObject
-                                                           : &CProcStartAMD::staticMetaObject;
-    QCOMPARE(QString::fromLatin1(mo->className()), className);
-    QCOMPARE(mo->methodCount() - mo->methodOffset(), className == "CProcBase" ? 4 : 2);
-    const QMetaMethod method = mo->method(mo->methodOffset() + index);
-    QCOMPARE(method.methodSignature(), signature);
-    QCOMPARE(int(method.methodType()), type);
-    QCOMPARE(int(method.access()), access);
-    QCOMPARE(method.parameterNames(), names);
-}
-
-void TestServiceControl::commandKeepsQuotedServiceNameWhole_data()
-{
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<QByteArray>("arguments");
-    QTest::newRow("check") << "check" << QByteArray("query|Apple Mobile Device|\n");
-    QTest::newRow("start") << "start" << QByteArray("start|Apple Mobile Device|\n");
-}
-
-void TestServiceControl::commandKeepsQuotedServiceNameWhole()
-{
-    QFETCH(QString, kind);
-    QFETCH(QByteArray, arguments);
-    ScFolder folder;
-    const QString record = folder.path("arguments");
-    QVERIFY(folder.writeSc("printf '%s|' \"$@\" > '" + QFile::encodeName(record) + "'\necho >> '" +
-                           QFile::encodeName(record) + "'\n"));
-    Wrapper wrapper(kind);
-    QCOMPARE(wrapper.ask(), 0);
-    QCOMPARE(kavreltest::readFile(record), arguments);
-}
-
-void TestServiceControl::answerFromOutput_data()
-{
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<QByteArray>("script");
-    QTest::addColumn<bool>("answer");
-
-    QTest::newRow("check: running") << "check" << printing(kRunningQuery) << true;
-    QTest::newRow("check: stopped") << "check" << printing(kStoppedQuery) << false;
-    QTest::newRow("check: no output") << "check" << QByteArray("exit 0\n") << false;
-    QTest::newRow("check: marker anywhere")
-        << "check" << QByteArray("echo 'NOT RUNNING YET'\n") << true;
-    QTest::newRow("check: marker is case-sensitive")
-        << "check" << QByteArray("echo 'state: running'\n") << false;
-    QTest::newRow("check: text ends at a zero byte")
-        << "check" << QByteArray("printf 'STOPPED\\000RUNNING\\n'\n") << false;
-    QTest::newRow("check: exit code not judged") << "check" << printing(kRunningQuery) + "exit 3\n"
-                                                 << true;
-    QTest::newRow("check: standard error not read")
-        << "check" << QByteArray("echo RUNNING >&2\n") << false;
-    QTest::newRow("start: accepted") << "start" << printing(kStartPending) << true;
-    QTest::newRow("start: already running") << "start" << printing(kAlreadyRunning) << false;
-    QTest::newRow("start: no output") << "start" << QByteArray("exit 0\n") << false;
-    QTest::newRow("start: marker is case-sensitive")
-        << "start" << QByteArray("echo service_exit_code\n") << false;
-    QTest::newRow("start: failure exit code not judged")
-        << "start" << printing(kStartPending) + "exit 1\n"
-        << true;
-}
-
-void TestServiceControl::answerFromOutput()
-{
-    QFETCH(QString, kind);
-    QFETCH(QByteArray, script);
-    QFETCH(bool, answer);
-    ScFolder folder;
-    QVERIFY(folder.writeSc(script));
-    Wrapper wrapper(kind);
-    QCOMPARE(wrapper.ask(), answer ? 1 : 0);
+    const QString finished = "slotProcFinished(int,QProcess::ExitStatus) exitCode,exitStatus";
+    QCOMPARE(ownMethods(CProcBase::staticMetaObject),
+             QStringList({"slot public slotProcStartd() ", "slot public " + finished,
+                          "slot public slotProcError(QProcess::ProcessError) error",
+                          "slot public slotProcStateChanged(QProcess::ProcessState) "}));
+    QCOMPARE(ownMethods(CProcCheckAMD::staticMetaObject),
+             QStringList(
+                 {"signal public signalServiceRunning(bool) running", "slot public " + finished}));
+    QCOMPARE(ownMethods(CProcStartAMD::staticMetaObject),
+             QStringList({"signal public signalStartAMD(bool) suc", "slot private " + finished}));
 }
 
 void TestServiceControl::logLinesOfOneRun_data()
@@ -337,10 +211,6 @@ void TestServiceControl::logLinesOfOneRun_data()
                        "CProcBase::slotProcFinished, exitCode: 2",
                        "result: \"SERVICE_EXIT_CODE : 0\\n\"", "CProcBase::~CProcBase"}
         << "";
-    QTest::newRow("start without output")
-        << "start" << QByteArray("exit 0\n")
-        << QStringList{"CProcStartAMD::slotProcFinished, exitCode:  0 , exitStatus 0"}
-        << "result: ";
 }
 
 void TestServiceControl::logLinesOfOneRun()
@@ -369,46 +239,54 @@ void TestServiceControl::logLinesOfOneRun()
         QVERIFY2(!log.contains(absent), qPrintable(log.dump()));
 }
 
-void TestServiceControl::secondRun_data()
+void TestServiceControl::runs_data()
 {
     QTest::addColumn<QString>("kind");
-    QTest::addColumn<QByteArray>("first");
-    QTest::addColumn<QByteArray>("second");
-    QTest::addColumn<bool>("firstAnswer");
-    QTest::addColumn<bool>("secondAnswer");
-
-    QTest::newRow("check: crash answers from the earlier output")
-        << "check" << printing(kRunningQuery) << printing(kStoppedQuery) + kCrash << true << true;
-    QTest::newRow("check: crash output is never read")
-        << "check" << printing(kStoppedQuery) << printing(kRunningQuery) + kCrash << false << false;
-    QTest::newRow("check: crash on the first run") << "check" << kCrash << kCrash << false << false;
-    QTest::newRow("check: a normal run replaces the output")
-        << "check" << printing(kRunningQuery) << printing(kStoppedQuery) << true << false;
-    QTest::newRow("check: a silent normal run clears it")
-        << "check" << printing(kRunningQuery) << QByteArray("exit 0\n") << true << false;
-    QTest::newRow("start: crash answers from the earlier output")
-        << "start" << printing(kStartPending) << kCrash << true << true;
-    QTest::newRow("start: crash after a refusal")
-        << "start" << printing(kAlreadyRunning) << printing(kStartPending) + kCrash << false
-        << false;
+    QTest::addColumn<QByteArrayList>("scripts"); // one sc per run of the same wrapper
+    QTest::addColumn<QString>("answers");        // one digit per run
+    auto row = [](const char* name, const QByteArrayList& scripts, const char* answers) {
+        QTest::newRow(name) << QString(name).section(':', 0, 0) << scripts << answers;
+    };
+    const QByteArray running = printing(kRunningQuery), stopped = printing(kStoppedQuery);
+    const QByteArray pending = printing(kStartPending);
+    row("check: running", {running}, "1");
+    row("check: stopped", {stopped}, "0");
+    row("check: no output", {"exit 0\n"}, "0");
+    row("check: marker anywhere", {"echo 'NOT RUNNING YET'\n"}, "1");
+    row("check: marker is case-sensitive", {"echo 'state: running'\n"}, "0");
+    row("check: text ends at a zero byte", {"printf 'STOPPED\\000RUNNING\\n'\n"}, "0");
+    row("check: exit code not judged", {running + "exit 3\n"}, "1");
+    row("check: standard error not read", {"echo RUNNING >&2\n"}, "0");
+    row("check: crash answers from the earlier output", {running, stopped + kCrash}, "11");
+    row("check: crash output is never read", {stopped, running + kCrash}, "00");
+    row("check: crash on the first run", {kCrash}, "0");
+    row("check: a normal run replaces the output", {running, stopped}, "10");
+    row("check: a silent normal run clears it", {running, "exit 0\n"}, "10");
+    row("start: accepted", {pending}, "1");
+    row("start: already running", {printing(kAlreadyRunning)}, "0");
+    row("start: marker is case-sensitive", {"echo service_exit_code\n"}, "0");
+    row("start: failure exit code not judged", {pending + "exit 1\n"}, "1");
+    row("start: crash answers from the earlier output", {pending, kCrash}, "11");
 }
 
-void TestServiceControl::secondRun()
+void TestServiceControl::runs()
 {
     QFETCH(QString, kind);
-    QFETCH(QByteArray, first);
-    QFETCH(QByteArray, second);
-    QFETCH(bool, firstAnswer);
-    QFETCH(bool, secondAnswer);
+    QFETCH(QByteArrayList, scripts);
+    QFETCH(QString, answers);
     ScFolder folder;
-    QVERIFY(folder.writeSc(first));
     Wrapper wrapper(kind);
-    QCOMPARE(wrapper.ask(), firstAnswer ? 1 : 0);
-    QVERIFY(folder.writeSc(second));
-    kavreltest::LogCapture log;
-    QCOMPARE(wrapper.ask(), secondAnswer ? 1 : 0);
-    if (second.contains(kCrash) && kind == "check")
-        QVERIFY2(log.contains(", exitStatus: 1"), qPrintable(log.dump()));
+    for (int run = 0; run < scripts.size(); ++run) {
+        QVERIFY(folder.writeSc(scripts[run]));
+        kavreltest::LogCapture log;
+        QCOMPARE(wrapper.ask(), answers.mid(run, 1).toInt());
+        if (scripts[run].contains(kCrash) && kind == "check")
+            QVERIFY2(log.contains(", exitStatus: 1"), qPrintable(log.dump()));
+        // One command text, the quoted service name kept as one argument.
+        QCOMPARE(kavreltest::readFile(folder.path("arguments")),
+                 QByteArray(kind == "check" ? "query" : "start") + "|Apple Mobile Device|");
+        QFile::remove(folder.path("arguments"));
+    }
 }
 
 void TestServiceControl::destroyedWrapperEndsChildWithoutAnswer_data()
@@ -422,9 +300,8 @@ void TestServiceControl::destroyedWrapperEndsChildWithoutAnswer()
 {
     QFETCH(QString, kind);
     ScFolder folder;
-    const QString pidFile = folder.path("pid");
-    QVERIFY(folder.writeSc("echo $$ > '" + QFile::encodeName(pidFile) + ".tmp'\nmv '" +
-                           QFile::encodeName(pidFile) + ".tmp' '" + QFile::encodeName(pidFile) +
+    const QByteArray pidFile = QFile::encodeName(folder.path("pid"));
+    QVERIFY(folder.writeSc("echo $$ > '" + pidFile + ".tmp'\nmv '" + pidFile + ".tmp' '" + pidFile +
                            "'\nexec sleep 60\n"));
     auto wrapper = std::make_unique<Wrapper>(kind);
     QSignalSpy answers(wrapper->object.get(), kind == "check" ? SIGNAL(signalServiceRunning(bool))
@@ -455,8 +332,7 @@ void TestServiceControl::unstartableScSendsNoAnswer_data()
     QTest::addColumn<QString>("kind");
     QTest::addColumn<bool>("present");
     QTest::newRow("check: no sc on PATH") << "check" << false;
-    QTest::newRow("start: no sc on PATH") << "start" << false;
-    QTest::newRow("check: sc not executable") << "check" << true;
+    QTest::newRow("start: sc not executable") << "start" << true;
 }
 
 void TestServiceControl::unstartableScSendsNoAnswer()
@@ -465,7 +341,7 @@ void TestServiceControl::unstartableScSendsNoAnswer()
     QFETCH(bool, present);
     ScFolder folder(false);
     if (present)
-        QVERIFY(folder.writeSc(printing(kRunningQuery), false));
+        QVERIFY(folder.writeSc(printing(kStartPending), false));
     kavreltest::LogCapture log;
     Wrapper wrapper(kind);
     wrapper.request();
@@ -483,43 +359,25 @@ void TestServiceControl::shippedSc_data()
     QTest::addColumn<QString>("daemon"); // none, ok, fails
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QByteArray>("expected");
-
+    QTest::addColumn<int>("answer"); // the wrapper's answer through this sc; -1: not asked
+    auto row = [](const char* name, const QStringList& args, const char* socket, const char* daemon,
+                  int exitCode, const QByteArray& expected, int answer) {
+        QTest::newRow(name) << args << socket << daemon << exitCode << expected << answer;
+    };
     const QByteArray missing = "The specified service does not exist as an installed service.\n\n";
-    const QStringList query{"query", "Apple Mobile Device"};
-    const QStringList start{"start", "Apple Mobile Device"};
-    QTest::newRow("query, running")
-        << query << "listening"
-        << "none" << 0 << QByteArray("        STATE              : 4  RUNNING\n");
-    QTest::newRow("query, name in any case")
-        << QStringList{"QUERY", "apple mobile DEVICE"} << "listening"
-        << "none" << 0 << QByteArray("SERVICE_NAME: Apple Mobile Device\n");
-    QTest::newRow("query, no socket")
-        << query << "missing"
-        << "none" << 0 << QByteArray("        STATE              : 1  STOPPED\n");
-    QTest::newRow("query, socket refuses")
-        << query << "dead"
-        << "none" << 0 << QByteArray("STATE              : 1  STOPPED\n");
-    QTest::newRow("query, other service")
-        << QStringList{"query", "Spooler"} << "listening"
-        << "none" << 1 << "[SC] EnumQueryServicesStatus:OpenService FAILED 1060:\n\n" + missing;
-    QTest::newRow("start, other service")
-        << QStringList{"start", "Spooler"} << "listening"
-        << "none" << 1 << "[SC] StartService: OpenService FAILED 1060:\n\n" + missing;
-    QTest::newRow("start, running") << start << "listening"
-                                    << "none" << 1 << kAlreadyRunning;
-    QTest::newRow("start, simulated device cannot be started")
-        << start << "missing"
-        << "none" << 1 << QByteArray("[SC] StartService FAILED 1058:\n");
-    QTest::newRow("start, daemon starts")
-        << start << "missing"
-        << "ok" << 0 << QByteArray("        STATE              : 2  START_PENDING\n");
-    QTest::newRow("start, daemon fails")
-        << start << "dead"
-        << "fails" << 1
-        << QByteArray(::geteuid() == 0 ? "[SC] StartService FAILED 1053:\n"
-                                       : "[SC] StartService FAILED 5:\n");
-    QTest::newRow("unknown command") << QStringList{"stop", "Apple Mobile Device"} << "listening"
-                                     << "none" << 1 << QByteArray("ERROR:  Unrecognized command");
+    const QStringList query{"query", "Apple Mobile Device"}, start{"start", "Apple Mobile Device"};
+    row("query, running", query, "listening", "none", 0, "STATE              : 4  RUNNING\n", 1);
+    row("query, no socket", query, "missing", "none", 0, "STATE              : 1  STOPPED\n", 0);
+    row("query, socket refuses", query, "dead", "none", 0, "STATE              : 1  STOPPED\n", 0);
+    row("query, other service", {"query", "Spooler"}, "listening", "none", 1,
+        "[SC] EnumQueryServicesStatus:OpenService FAILED 1060:\n\n" + missing, -1);
+    row("start, running", start, "listening", "none", 1, kAlreadyRunning, 0);
+    row("start, simulated device cannot be started", start, "missing", "none", 1,
+        "[SC] StartService FAILED 1058:\n", 0);
+    row("start, daemon starts", start, "missing", "ok", 0,
+        "STATE              : 2  START_PENDING\n", 1);
+    row("start, daemon fails", start, "dead", "fails", 1,
+        ::geteuid() == 0 ? "[SC] StartService FAILED 1053:\n" : "[SC] StartService FAILED 5:\n", 0);
 }
 
 void TestServiceControl::shippedSc()
@@ -529,6 +387,7 @@ void TestServiceControl::shippedSc()
     QFETCH(QString, daemon);
     QFETCH(int, exitCode);
     QFETCH(QByteArray, expected);
+    QFETCH(int, answer);
 
     QTemporaryDir dir;
     const QString socketPath = dir.filePath("sim.sock");
@@ -537,22 +396,26 @@ void TestServiceControl::shippedSc()
         server = std::make_unique<UnixSocket>(socketPath, socket == "listening");
         QVERIFY(server->ok());
     }
-
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("KAVREL_SIM_SOCKET", socketPath);
-    env.remove("USBMUXD_SOCKET_ADDRESS");
-    env.remove("KAVREL_USBMUXD");
+    // The process's own environment, so that the wrappers' sc sees it too.
+    const QByteArray oldPath = qgetenv("PATH");
+    auto restore = qScopeGuard([&] {
+        qputenv("PATH", oldPath);
+        qunsetenv("KAVREL_SIM_SOCKET");
+        qunsetenv("KAVREL_USBMUXD");
+    });
+    qputenv("PATH", KAVREL_SOURCE_DIR "/scripts:" + oldPath);
+    qputenv("KAVREL_SIM_SOCKET", QFile::encodeName(socketPath));
+    qunsetenv("USBMUXD_SOCKET_ADDRESS");
     const QString daemonRecord = dir.filePath("daemon-ran");
     if (daemon != "none") {
         const QString program = dir.filePath("fake-usbmuxd");
-        QVERIFY(ScFolder::writeScript(program, "touch '" + QFile::encodeName(daemonRecord) +
-                                                   "'\nexit " + (daemon == "ok" ? "0" : "1") +
-                                                   "\n"));
-        env.insert("KAVREL_USBMUXD", program);
+        QVERIFY(writeScript(program, "touch '" + QFile::encodeName(daemonRecord) + "'\nexit " +
+                                         (daemon == "ok" ? "0" : "1") + "\n"));
+        qputenv("KAVREL_USBMUXD", QFile::encodeName(program));
     }
 
     const kavreltest::ProgramRun run =
-        kavreltest::runProgram(QStringLiteral(KAVREL_SOURCE_DIR "/scripts/sc"), args, env);
+        kavreltest::runProgram(QStringLiteral(KAVREL_SOURCE_DIR "/scripts/sc"), args);
     QVERIFY2(run.out.contains(expected), run.out.constData());
     QCOMPARE(run.exitCode, exitCode);
     QCOMPARE(run.err, QByteArray());
@@ -560,32 +423,8 @@ void TestServiceControl::shippedSc()
     // Only an accepted start request carries the exit-code field the start check looks for.
     if (args.first() == "start")
         QCOMPARE(run.out.contains("SERVICE_EXIT_CODE"), exitCode == 0);
-}
-
-void TestServiceControl::wrappersAgainstShippedSc_data()
-{
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<bool>("listening");
-    QTest::addColumn<bool>("answer");
-    QTest::newRow("check, simulated device runs") << "check" << true << true;
-    QTest::newRow("check, simulated device gone, socket left") << "check" << false << false;
-    QTest::newRow("start, already running") << "start" << true << false;
-}
-
-void TestServiceControl::wrappersAgainstShippedSc()
-{
-    QFETCH(QString, kind);
-    QFETCH(bool, listening);
-    QFETCH(bool, answer);
-    QTemporaryDir dir;
-    const QString socketPath = dir.filePath("sim.sock");
-    UnixSocket server(socketPath, listening);
-    QVERIFY(server.ok());
-    EnvSetting path("PATH", KAVREL_SOURCE_DIR "/scripts:" + qgetenv("PATH"));
-    EnvSetting sim("KAVREL_SIM_SOCKET", QFile::encodeName(socketPath));
-    EnvSetting daemon("KAVREL_USBMUXD", QByteArray());
-    Wrapper wrapper(kind);
-    QCOMPARE(wrapper.ask(), answer ? 1 : 0);
+    if (answer >= 0)
+        QCOMPARE(Wrapper(args.first() == "query" ? "check" : "start").ask(), answer);
 }
 
 void TestServiceControl::hostCommand_data()
@@ -595,34 +434,24 @@ void TestServiceControl::hostCommand_data()
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QByteArray>("out");
     QTest::addColumn<QByteArray>("err");
-
-    const QByteArray startRefused = "case $1 in start) " + printing(kAlreadyRunning) + ";;\n";
-    QTest::newRow("check, running")
-        << QStringList{"check"} << printing(kRunningQuery) << 0
-        << QByteArray("Apple Mobile Device service: running\n") << QByteArray();
-    QTest::newRow("check, stopped")
-        << QStringList{"check"} << printing(kStoppedQuery) << 1
-        << QByteArray("Apple Mobile Device service: not running\n") << QByteArray();
-    QTest::newRow("check, verbose shows sc")
-        << QStringList{"check", "-v"} << printing(kStoppedQuery) << 1
-        << QByteArray("STATE              : 1  STOPPED\n") << QByteArray("CProcBase::~CProcBase");
-    QTest::newRow("start, started")
-        << QStringList{"start"} << printing(kStartPending) << 0
-        << QByteArray("Apple Mobile Device service: started\n") << QByteArray();
-    QTest::newRow("start, already running")
-        << QStringList{"start"} << startRefused + "*) " + printing(kRunningQuery) + ";; esac\n"
-        << 0 << QByteArray("Apple Mobile Device service: already running\n") << QByteArray();
-    QTest::newRow("start, refused and not running")
-        << QStringList{"start"} << startRefused + "*) " + printing(kStoppedQuery) + ";; esac\n"
-        << 1 << QByteArray("Apple Mobile Device service: not started\n")
-        << QByteArray("sc: [SC] StartService FAILED 1056:");
-    QTest::newRow("no sc") << QStringList{"check"} << QByteArray() << 2 << QByteArray()
-                           << QByteArray("no 'sc' program on PATH");
-    QTest::newRow("sc never answers")
-        << QStringList{"check", "--timeout", "1"} << QByteArray("exec sleep 30\n") << 2
-        << QByteArray() << QByteArray("sc gave no answer within 1 s");
-    QTest::newRow("bad action") << QStringList{"stop"} << printing(kRunningQuery) << 2
-                                << QByteArray() << QByteArray("give one action, check or start");
+    auto row = [](const char* name, const QStringList& args, const QByteArray& script, int exitCode,
+                  const QByteArray& out, const QByteArray& err = QByteArray()) {
+        QTest::newRow(name) << args << script << exitCode << out << err;
+    };
+    const QByteArray refused = "case $1 in start) " + printing(kAlreadyRunning) + ";;\n";
+    const QByteArray service = "Apple Mobile Device service: ";
+    row("check, running", {"check"}, printing(kRunningQuery), 0, service + "running\n");
+    row("check, stopped", {"check"}, printing(kStoppedQuery), 1, service + "not running\n");
+    row("start, started", {"start"}, printing(kStartPending), 0, service + "started\n");
+    row("start, already running", {"start"},
+        refused + "*) " + printing(kRunningQuery) + ";; esac\n", 0, service + "already running\n");
+    row("start, refused and not running", {"start"},
+        refused + "*) " + printing(kStoppedQuery) + ";; esac\n", 1, service + "not started\n",
+        "sc: [SC] StartService FAILED 1056:");
+    row("no sc", {"check"}, "", 2, "", "no 'sc' program on PATH");
+    row("sc never answers", {"check", "--timeout", "1"}, "exec sleep 30\n", 2, "",
+        "sc gave no answer within 1 s");
+    row("bad action", {"stop"}, printing(kRunningQuery), 2, "", "give one action, check or start");
 }
 
 void TestServiceControl::hostCommand()
@@ -634,7 +463,7 @@ void TestServiceControl::hostCommand()
     QFETCH(QByteArray, err);
     QTemporaryDir dir;
     if (!script.isEmpty())
-        QVERIFY(ScFolder::writeScript(dir.filePath("sc"), script));
+        QVERIFY(writeScript(dir.filePath("sc"), script));
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     // Without a script the folder alone, so that no other sc can be found.
     env.insert("PATH", script.isEmpty() ? dir.path() : dir.path() + ":/usr/bin:/bin");
