@@ -184,24 +184,18 @@ void TestArchive::parseAfcFileInfo_data()
     QTest::addColumn<QStringList>("info");
     QTest::addColumn<int>("kind");
     QTest::addColumn<unsigned>("size");
-
+    auto row = [](const char* name, const char* info, int kind, unsigned size) {
+        QTest::newRow(name) << QString(info).split(' ', Qt::SkipEmptyParts) << kind << size;
+    };
     // Kind and size start at -5 and 77: keys that are absent leave them as they are.
-    QTest::newRow("regular file") << QStringList{"st_size", "100",     "st_blocks",
-                                                 "8",       "st_ifmt", "S_IFREG"}
-                                  << 1 << 100u;
-    QTest::newRow("directory stops the walk")
-        << QStringList{"st_ifmt", "S_IFDIR", "st_size", "102"} << 2 << 77u;
-    QTest::newRow("directory size read before its kind")
-        << QStringList{"st_size", "102", "st_ifmt", "S_IFDIR"} << 2 << 102u;
-    QTest::newRow("link is no known kind")
-        << QStringList{"st_size", "12", "st_ifmt", "S_IFLNK", "LinkTarget", "/x"} << -5 << 12u;
-    QTest::newRow("no keys") << QStringList{} << -5 << 77u;
-    QTest::newRow("size is parsed like atoi")
-        << QStringList{"st_size", "42abc", "st_ifmt", "S_IFREG"} << 1 << 42u;
-    QTest::newRow("keys are exact")
-        << QStringList{"st_size_x", "9", "ST_IFMT", "S_IFREG"} << -5 << 77u;
-    QTest::newRow("dangling key is ignored")
-        << QStringList{"st_ifmt", "S_IFREG", "st_size"} << 1 << 77u;
+    row("regular file", "st_size 100 st_blocks 8 st_ifmt S_IFREG", 1, 100);
+    row("directory stops the walk", "st_ifmt S_IFDIR st_size 102", 2, 77);
+    row("directory size read before its kind", "st_size 102 st_ifmt S_IFDIR", 2, 102);
+    row("link is no known kind", "st_size 12 st_ifmt S_IFLNK LinkTarget /x", -5, 12);
+    row("no keys", "", -5, 77);
+    row("size is parsed like atoi", "st_size 42abc st_ifmt S_IFREG", 1, 42);
+    row("keys are exact", "st_size_x 9 ST_IFMT S_IFREG", -5, 77);
+    row("dangling key is ignored", "st_ifmt S_IFREG st_size", 1, 77);
 }
 
 void TestArchive::parseAfcFileInfo()

