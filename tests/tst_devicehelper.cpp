@@ -33,27 +33,16 @@ plist_t array(std::initializer_list<plist_t> items)
     return a;
 }
 
-plist_t str(const char* s)
-{
-    return plist_new_string(s);
-}
-
-plist_t num(uint64_t v)
-{
-    return plist_new_uint(v);
-}
-
-plist_t data(const QByteArray& bytes)
-{
+const auto str = [](const char* s) { return plist_new_string(s); };
+const auto num = [](uint64_t v) { return plist_new_uint(v); };
+const auto data = [](const QByteArray& bytes) {
     return plist_new_data(bytes.constData(), bytes.size());
-}
-
-QString renderText(plist_t node)
-{
+};
+const auto renderText = [](plist_t node) {
     QString out;
     DeviceHelper::nodeToJson(out, node);
     return out;
-}
+};
 
 // The dictionary the getter tests read.
 plist_t getterDict()
@@ -72,21 +61,20 @@ plist_t getterDict()
 // "initial", 99 and {"old"}; an empty key stands for a null one in getMetaString.
 QString runGetter(const QString& getter, plist_t d, const QString& key)
 {
-    if (getter == "string" || getter == "first") {
-        QString value = QStringLiteral("initial");
-        if (getter == "string")
-            DeviceHelper::getDictString(d, key, value);
-        else
-            DeviceHelper::getDictFirstString(d, key, value);
+    QString value = QStringLiteral("initial");
+    if (getter == "string")
+        DeviceHelper::getDictString(d, key, value);
+    if (getter == "first")
+        DeviceHelper::getDictFirstString(d, key, value);
+    if (getter == "string" || getter == "first")
         return value;
-    }
+    quint64 number = 99;
+    QStringList values{QStringLiteral("old")};
     if (getter == "uint") {
-        quint64 value = 99;
-        DeviceHelper::getDictUInt(d, key, &value);
-        return QString::number(value);
+        DeviceHelper::getDictUInt(d, key, &number);
+        return QString::number(number);
     }
     if (getter == "list") {
-        QStringList values{QStringLiteral("old")};
         DeviceHelper::getDictStringList(d, key, values);
         return values.join('|');
     }
