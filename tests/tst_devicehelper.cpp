@@ -1,5 +1,5 @@
 // DeviceHelper: rendering of property lists into the host's JSON-like text (in process and
-// through `kavrel plist`), the typed dictionary getters, and discovery without a device.
+// through `kavrel plist`) and the typed dictionary getters.
 
 #include "DeviceHelper.h"
 #include "TestSupport.h"
@@ -98,7 +98,6 @@ private slots:
     void renderingIsConsistentAcrossThreads();
     void getters_data();
     void getters();
-    void discoveryWithoutUsbmuxdFindsNothing();
     void kavrelPlist_data();
     void kavrelPlist();
 };
@@ -273,20 +272,6 @@ void TestDeviceHelper::getters()
         QVERIFY2(log.lines().isEmpty(), qPrintable(log.dump()));
     else
         QVERIFY2(log.hasLine(logLine), qPrintable(log.dump()));
-}
-
-void TestDeviceHelper::discoveryWithoutUsbmuxdFindsNothing()
-{
-    // Point the device library at a socket that does not exist: no device is attached.
-    QTemporaryDir dir;
-    qputenv("USBMUXD_SOCKET_ADDRESS", "UNIX:" + QFile::encodeName(dir.path()) + "/none.sock");
-    kavreltest::LogCapture log;
-    QVERIFY(DeviceHelper::getUdids().isEmpty());
-    QVERIFY(DeviceHelper::getFirstUdid().isEmpty());
-    qunsetenv("USBMUXD_SOCKET_ADDRESS");
-    for (const char* line :
-         {"DeviceHelper::getUdids", "DeviceHelper::getFirstUdid", "got udids by getUdids: \"\""})
-        QVERIFY2(log.hasLine(QString::fromLatin1(line)), qPrintable(log.dump()));
 }
 
 void TestDeviceHelper::kavrelPlist_data()
