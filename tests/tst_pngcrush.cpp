@@ -164,9 +164,9 @@ Bytes crushedWithData(uint32_t w, uint32_t h, int colorType, int interlace, cons
     return f;
 }
 
-PngSpec rgbaSpec(uint32_t w, uint32_t h)
+PngRecipe rgbaRecipe(uint32_t w, uint32_t h)
 {
-    PngSpec s;
+    PngRecipe s;
     s.width = w;
     s.height = h;
     s.colorType = 6;
@@ -345,20 +345,20 @@ void TestPngCrush::convertsCrushedImages()
     QFETCH(bool, fixAlpha);
     QFETCH(bool, premultiply);
 
-    PngSpec spec;
-    spec.width = 23;
-    spec.height = 17;
-    spec.colorType = colorType;
-    spec.interlaced = interlaced;
-    spec.filter = filter;
-    spec.premultiply = premultiply;
-    spec.pixels = testPixels(spec.width, spec.height, colorType, 5);
+    PngRecipe recipe;
+    recipe.width = 23;
+    recipe.height = 17;
+    recipe.colorType = colorType;
+    recipe.interlaced = interlaced;
+    recipe.filter = filter;
+    recipe.premultiply = premultiply;
+    recipe.pixels = testPixels(recipe.width, recipe.height, colorType, 5);
     if (colorType == 6) {
         // Include fully transparent and opaque pixels.
-        spec.pixels[3] = 0;
-        spec.pixels[7] = 255;
+        recipe.pixels[3] = 0;
+        recipe.pixels[7] = 255;
     }
-    const QString path = writeInput(QStringLiteral("icon.png"), buildPng(spec));
+    const QString path = writeInput(QStringLiteral("icon.png"), buildPng(recipe));
 
     PngCrush crush;
     crush.fix_alpha = fixAlpha ? 1 : 0;
@@ -378,7 +378,7 @@ void TestPngCrush::convertsCrushedImages()
 
     // The image data is zlib-wrapped now and inflates to the scanlines.
     const Bytes idat = idatData(chunks);
-    const size_t expectedSize = scanlines(spec).size();
+    const size_t expectedSize = scanlines(recipe).size();
     Bytes inflated(expectedSize);
     size_t actual = 0;
     libdeflate_decompressor* d = libdeflate_alloc_decompressor();
@@ -390,12 +390,12 @@ void TestPngCrush::convertsCrushedImages()
 
     QImage image;
     QVERIFY(image.load(path, "PNG"));
-    QCOMPARE(image.width(), int(spec.width));
-    QCOMPARE(image.height(), int(spec.height));
+    QCOMPARE(image.width(), int(recipe.width));
+    QCOMPARE(image.height(), int(recipe.height));
     const int n = channels(colorType);
-    for (uint32_t y = 0; y < spec.height; ++y) {
-        for (uint32_t x = 0; x < spec.width; ++x) {
-            const uint8_t* p = &spec.pixels[(y * spec.width + x) * n];
+    for (uint32_t y = 0; y < recipe.height; ++y) {
+        for (uint32_t x = 0; x < recipe.width; ++x) {
+            const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * n];
             const QRgb got = image.pixel(int(x), int(y));
             int want[4] = {p[0], p[1], p[2], 255};
             if (colorType == 6) {
@@ -436,16 +436,16 @@ void TestPngCrush::splitsIdatAtMaxSize()
 {
     QFETCH(int, maxIdatSize);
     QFETCH(uint32_t, side);
-    PngSpec spec = rgbaSpec(side, side);
+    PngRecipe recipe = rgbaRecipe(side, side);
     uint32_t s = 99;
-    for (uint8_t& b : spec.pixels) {
+    for (uint8_t& b : recipe.pixels) {
         s = s * 1103515245u + 12345u;
         b = uint8_t(s >> 23);
     }
-    for (size_t i = 3; i < spec.pixels.size(); i += 4)
-        spec.pixels[i] = 255;
-    spec.idatSize = 5000; // the input's own split must not matter
-    const QString path = writeInput(QStringLiteral("big.png"), buildPng(spec));
+    for (size_t i = 3; i < recipe.pixels.size(); i += 4)
+        recipe.pixels[i] = 255;
+    recipe.idatSize = 5000; // the input's own split must not matter
+    const QString path = writeInput(QStringLiteral("big.png"), buildPng(recipe));
 
     PngCrush crush;
     crush.max_idat_size = maxIdatSize;
@@ -470,8 +470,8 @@ void TestPngCrush::splitsIdatAtMaxSize()
     QImage image;
     QVERIFY(image.load(path, "PNG"));
     QCOMPARE(image.pixel(3, 5),
-             qRgba(spec.pixels[(5 * side + 3) * 4], spec.pixels[(5 * side + 3) * 4 + 1],
-                   spec.pixels[(5 * side + 3) * 4 + 2], 255));
+             qRgba(recipe.pixels[(5 * side + 3) * 4], recipe.pixels[(5 * side + 3) * 4 + 1],
+                   recipe.pixels[(5 * side + 3) * 4 + 2], 255));
 }
 
 void TestPngCrush::passesPaletteAndGreyThrough_data()
@@ -488,20 +488,20 @@ void TestPngCrush::passesPaletteAndGreyThrough()
 {
     QFETCH(int, colorType);
     QFETCH(bool, interlaced);
-    PngSpec spec;
-    spec.width = 13;
-    spec.height = 9;
-    spec.colorType = colorType;
-    spec.interlaced = interlaced;
-    spec.filter = -1;
-    spec.pixels = testPixels(13, 9, colorType, 1);
+    PngRecipe recipe;
+    recipe.width = 13;
+    recipe.height = 9;
+    recipe.colorType = colorType;
+    recipe.interlaced = interlaced;
+    recipe.filter = -1;
+    recipe.pixels = testPixels(13, 9, colorType, 1);
     if (colorType == 3) {
-        for (uint8_t& p : spec.pixels)
+        for (uint8_t& p : recipe.pixels)
             p &= 15;
-        spec.palette = testPixels(16, 1, 2, 2);
+        recipe.palette = testPixels(16, 1, 2, 2);
     }
-    spec.idatSize = 20;
-    const Bytes input = buildPng(spec);
+    recipe.idatSize = 20;
+    const Bytes input = buildPng(recipe);
     std::vector<ParsedChunk> before;
     QVERIFY(parseChunks(input, before));
     const QString path = writeInput(QStringLiteral("pass.png"), input);
@@ -523,15 +523,15 @@ void TestPngCrush::refusesBadInput_data()
     QTest::addColumn<Bytes>("file");
     QTest::addColumn<QString>("message"); // %1 stands for the file name
 
-    const Bytes good = buildPng(rgbaSpec(6, 4));
+    const Bytes good = buildPng(rgbaRecipe(6, 4));
     std::vector<ParsedChunk> chunks;
     parseChunks(good, chunks);
     const Bytes signature(good.begin(), good.begin() + 8);
     const size_t iendAt = good.size() - 12;
 
-    PngSpec plainSpec = rgbaSpec(6, 4);
-    plainSpec.crushed = false;
-    QTest::newRow("plain png") << buildPng(plainSpec) << "%1 : not an -iphone crushed PNG file\n";
+    PngRecipe plainRecipe = rgbaRecipe(6, 4);
+    plainRecipe.crushed = false;
+    QTest::newRow("plain png") << buildPng(plainRecipe) << "%1 : not an -iphone crushed PNG file\n";
     QTest::newRow("not a png") << Bytes{'G', 'I', 'F', '8', '9', 'a', 0, 0, 0, 0}
                                << "%1 : not a PNG file\n";
     QTest::newRow("empty file") << Bytes{} << "%1 : not a PNG file\n";
@@ -609,7 +609,7 @@ void TestPngCrush::refusesBadInput_data()
                " but got 100 bytes\n";
     // Passes without columns still count their filter bytes, so a 3-pixel-wide
     // interlaced image never has the size the converter expects.
-    PngSpec narrow = rgbaSpec(3, 9);
+    PngRecipe narrow = rgbaRecipe(3, 9);
     narrow.interlaced = true;
     QTest::newRow("interlaced narrower than 5")
         << buildPng(narrow) << "%1 : decompression error, expected 127 but got 125 bytes\n";
@@ -618,7 +618,7 @@ void TestPngCrush::refusesBadInput_data()
     QTest::newRow("row filter 5") << crushedWithData(6, 4, 6, 0, rawDeflate(badRows))
                                   << "%1 : unknown row filter type (5)\n";
     // An unknown filter byte in the last Adam7 pass is found before any pixel changes.
-    PngSpec eight;
+    PngRecipe eight;
     eight.width = 8;
     eight.height = 8;
     eight.colorType = 2;
@@ -646,7 +646,7 @@ void TestPngCrush::repairsWrongCrc()
 {
     Bytes text = chunk("tEXt", {'k', 0, 'v', 'a', 'l'});
     text[text.size() - 1] ^= 0x5A;
-    const Bytes input = insertChunk(buildPng(rgbaSpec(4, 4)), "IDAT", text);
+    const Bytes input = insertChunk(buildPng(rgbaRecipe(4, 4)), "IDAT", text);
     const QString path = writeInput(QStringLiteral("crc.png"), input);
     const uint32_t stored =
         uint32_t(text[13]) << 24 | uint32_t(text[14]) << 16 | uint32_t(text[15]) << 8 | text[16];
@@ -668,7 +668,7 @@ void TestPngCrush::listsChunksWithoutRepairing()
 {
     Bytes text = chunk("tEXt", {'k', 0, 'v'});
     text[text.size() - 1] ^= 1;
-    const Bytes input = insertChunk(buildPng(rgbaSpec(4, 4)), "IDAT", text);
+    const Bytes input = insertChunk(buildPng(rgbaRecipe(4, 4)), "IDAT", text);
     std::vector<ParsedChunk> in;
     parseChunks(input, in);
     const QString path = writeInput(QStringLiteral("list.png"), input);
@@ -698,7 +698,7 @@ void TestPngCrush::listsChunksWithoutRepairing()
 
 void TestPngCrush::dropsDataAfterIend()
 {
-    Bytes input = buildPng(rgbaSpec(5, 5));
+    Bytes input = buildPng(rgbaRecipe(5, 5));
     input.insert(input.end(), {'t', 'r', 'a', 'i', 'l'});
     const QString path = writeInput(QStringLiteral("extra.png"), input);
     const Run run = runCrush(path);
@@ -713,7 +713,7 @@ void TestPngCrush::dropsDataAfterIend()
 
 void TestPngCrush::writesIntoOutputDir()
 {
-    const Bytes input = buildPng(rgbaSpec(8, 3));
+    const Bytes input = buildPng(rgbaRecipe(8, 3));
     const QString path = writeInput(QStringLiteral("sub/in.png"), input);
     QVERIFY(QDir().mkpath(mDir.filePath("out")));
     QByteArray dir = QFile::encodeName(mDir.filePath("out"));
@@ -729,7 +729,7 @@ void TestPngCrush::writesIntoOutputDir()
 
 void TestPngCrush::reportsUncreatableOutput()
 {
-    const Bytes input = buildPng(rgbaSpec(8, 3));
+    const Bytes input = buildPng(rgbaRecipe(8, 3));
     const QString path = writeInput(QStringLiteral("in.png"), input);
     QByteArray dir = QFile::encodeName(mDir.filePath("missing"));
     PngCrush crush;
@@ -742,7 +742,7 @@ void TestPngCrush::reportsUncreatableOutput()
 
 void TestPngCrush::onlyNamesFileWithoutWriting()
 {
-    const Bytes input = buildPng(rgbaSpec(8, 3));
+    const Bytes input = buildPng(rgbaRecipe(8, 3));
     const QString path = writeInput(QStringLiteral("dry.png"), input);
     PngCrush crush;
     crush.write_output = 0;
@@ -754,9 +754,9 @@ void TestPngCrush::onlyNamesFileWithoutWriting()
 
 void TestPngCrush::printsImageInfo()
 {
-    PngSpec spec = rgbaSpec(10, 3);
-    spec.interlaced = true;
-    const QString path = writeInput(QStringLiteral("info.png"), buildPng(spec));
+    PngRecipe recipe = rgbaRecipe(10, 3);
+    recipe.interlaced = true;
+    const QString path = writeInput(QStringLiteral("info.png"), buildPng(recipe));
     PngCrush crush;
     crush.print_info = 1;
     crush.write_output = 0;
@@ -792,7 +792,7 @@ void TestPngCrush::printsImageInfo()
 
 void TestPngCrush::informsAboutOversizedChunk()
 {
-    Bytes input = buildPng(rgbaSpec(4, 4));
+    Bytes input = buildPng(rgbaRecipe(4, 4));
     input.resize(input.size() - 12);
     input.insert(input.end(), {0, 0, 0x10, 0, 'I', 'E', 'N', 'D', 0, 0, 0, 0});
     const QString path = writeInput(QStringLiteral("long.png"), input);
@@ -806,14 +806,14 @@ void TestPngCrush::informsAboutOversizedChunk()
 
 void TestPngCrush::swapsPlainFileWhenAllowed()
 {
-    PngSpec spec;
-    spec.width = 4;
-    spec.height = 2;
-    spec.colorType = 2;
-    spec.crushed = false;
-    spec.filter = 4;
-    spec.pixels = testPixels(4, 2, 2, 9);
-    const QString path = writeInput(QStringLiteral("plain.png"), buildPng(spec));
+    PngRecipe recipe;
+    recipe.width = 4;
+    recipe.height = 2;
+    recipe.colorType = 2;
+    recipe.crushed = false;
+    recipe.filter = 4;
+    recipe.pixels = testPixels(4, 2, 2, 9);
+    const QString path = writeInput(QStringLiteral("plain.png"), buildPng(recipe));
     PngCrush crush;
     crush.allow_plain = 1;
     const Run run = runCrush(crush, path);
@@ -822,7 +822,7 @@ void TestPngCrush::swapsPlainFileWhenAllowed()
     QImage image;
     QVERIFY(image.load(path, "PNG"));
     // A plain file goes through the same channel swap.
-    const uint8_t* p = &spec.pixels[(1 * 4 + 2) * 3];
+    const uint8_t* p = &recipe.pixels[(1 * 4 + 2) * 3];
     QCOMPARE(image.pixel(2, 1), qRgb(p[2], p[1], p[0]));
 }
 

@@ -37,9 +37,9 @@ QByteArray toQt(const Bytes& b)
     return QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size()));
 }
 
-PngSpec iconSpec(bool crushed)
+PngRecipe iconRecipe(bool crushed)
 {
-    PngSpec s;
+    PngRecipe s;
     s.width = 57;
     s.height = 57;
     s.colorType = 6;
@@ -67,9 +67,9 @@ private:
 
 void TestPngfix::convertsInPlaceAndPngcheckAccepts()
 {
-    const PngSpec spec = iconSpec(true);
+    const PngRecipe recipe = iconRecipe(true);
     const QString path = mDir.filePath("Icon.png");
-    QVERIFY(writeFile(path, toQt(buildPng(spec))));
+    QVERIFY(writeFile(path, toQt(buildPng(recipe))));
     const Result r = runKavrel({path});
     QCOMPARE(r.exitCode, 0);
     QCOMPARE(r.out, path + " : converted to " + path + "\n");
@@ -85,7 +85,7 @@ void TestPngfix::convertsInPlaceAndPngcheckAccepts()
     }
     QImage image;
     QVERIFY(image.load(path, "PNG"));
-    const uint8_t* p = &spec.pixels[(10 * 57 + 20) * 4];
+    const uint8_t* p = &recipe.pixels[(10 * 57 + 20) * 4];
     auto demul = [&](int c) {
         const unsigned v = premultiplied(p[c], p[3]);
         return int(((v * 255 + p[3] / 2) / p[3]) & 0xFF);
@@ -97,7 +97,7 @@ void TestPngfix::convertsInPlaceAndPngcheckAccepts()
 void TestPngfix::refusesPlainPngUntouched()
 {
     const QString path = mDir.filePath("plain.png");
-    const QByteArray plain = toQt(buildPng(iconSpec(false)));
+    const QByteArray plain = toQt(buildPng(iconRecipe(false)));
     QVERIFY(writeFile(path, plain));
     const Result r = runKavrel({path});
     QCOMPARE(r.exitCode, 1);
@@ -109,7 +109,7 @@ void TestPngfix::writesIntoOutDirAndReportsEveryFile()
 {
     const QString good = mDir.filePath("a/good.png");
     const QString bad = mDir.filePath("a/bad.png");
-    const QByteArray crushed = toQt(buildPng(iconSpec(true)));
+    const QByteArray crushed = toQt(buildPng(iconRecipe(true)));
     QVERIFY(writeFile(good, crushed));
     QVERIFY(writeFile(bad, "not a png"));
     const QString out = mDir.filePath("converted/deeper");
@@ -124,7 +124,7 @@ void TestPngfix::writesIntoOutDirAndReportsEveryFile()
 void TestPngfix::infoAndChunkListing()
 {
     const QString path = mDir.filePath("info.png");
-    QVERIFY(writeFile(path, toQt(buildPng(iconSpec(true)))));
+    QVERIFY(writeFile(path, toQt(buildPng(iconRecipe(true)))));
     const Result r = runKavrel({"--info", "--list-chunks", path});
     QCOMPARE(r.exitCode, 0);
     const QStringList lines = r.out.split('\n');

@@ -135,14 +135,14 @@ bool imageData(const std::string& path, Bytes& idat, size_t& rawSize, bool& crus
 int make(const std::string& dir)
 {
     for (uint32_t side : {180u, 1024u}) {
-        PngSpec spec;
-        spec.width = side;
-        spec.height = side;
-        spec.colorType = 6;
-        spec.filter = -2;
-        spec.level = 9;
-        spec.pixels = iconPixels(side);
-        if (!writeAll(dir + "/icon" + std::to_string(side) + ".png", buildPng(spec)))
+        PngRecipe recipe;
+        recipe.width = side;
+        recipe.height = side;
+        recipe.colorType = 6;
+        recipe.filter = -2;
+        recipe.level = 9;
+        recipe.pixels = iconPixels(side);
+        if (!writeAll(dir + "/icon" + std::to_string(side) + ".png", buildPng(recipe)))
             return 1;
     }
     return 0;

@@ -72,14 +72,14 @@ bool Package::write(const QString& path) const
 
 QByteArray iconPng(int seed)
 {
-    kavreltest::PngSpec spec;
-    spec.width = 4;
-    spec.height = 4;
-    spec.colorType = 2;
-    spec.crushed = false;
-    for (uint32_t i = 0; i < spec.width * spec.height * 3; ++i)
-        spec.pixels.push_back(uint8_t(seed * 31 + i * 7));
-    kavreltest::Bytes bytes = kavreltest::buildPng(spec);
+    kavreltest::PngRecipe recipe;
+    recipe.width = 4;
+    recipe.height = 4;
+    recipe.colorType = 2;
+    recipe.crushed = false;
+    for (uint32_t i = 0; i < recipe.width * recipe.height * 3; ++i)
+        recipe.pixels.push_back(uint8_t(seed * 31 + i * 7));
+    kavreltest::Bytes bytes = kavreltest::buildPng(recipe);
     return QByteArray(reinterpret_cast<const char*>(bytes.data()), int(bytes.size()));
 }
 

@@ -34,8 +34,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     // The converter reports on standard output; millions of lines help nobody.
     if (!freopen("/dev/null", "w", stdout))
         return 0;
-    char templ[] = "/tmp/fuzz_pngcrush.XXXXXX";
-    if (!mkdtemp(templ))
+    // Every input is written to a file and converted into another: keep them in memory
+    // (/dev/shm) where there is such a place, the disk is the bottleneck otherwise.
+    char shm[] = "/dev/shm/fuzz_pngcrush.XXXXXX";
+    char tmp[] = "/tmp/fuzz_pngcrush.XXXXXX";
+    const char* templ = mkdtemp(shm);
+    if (!templ)
+        templ = mkdtemp(tmp);
+    if (!templ)
         abort();
     gDir = templ;
     gInput = gDir + "/input.png";

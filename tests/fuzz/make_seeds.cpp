@@ -39,32 +39,32 @@ int main(int argc, char** argv)
         for (bool interlaced : {false, true}) {
             for (int filter = -1; filter <= 4; ++filter) {
                 for (const auto& size : sizes) {
-                    PngSpec spec;
-                    spec.width = size[0];
-                    spec.height = size[1];
-                    spec.colorType = colorType;
-                    spec.interlaced = interlaced;
-                    spec.filter = filter;
-                    spec.pixels = testPixels(spec.width, spec.height, colorType, gCount);
+                    PngRecipe recipe;
+                    recipe.width = size[0];
+                    recipe.height = size[1];
+                    recipe.colorType = colorType;
+                    recipe.interlaced = interlaced;
+                    recipe.filter = filter;
+                    recipe.pixels = testPixels(recipe.width, recipe.height, colorType, gCount);
                     if (colorType == 3)
-                        spec.palette = testPixels(16, 1, 2, 7);
-                    spec.idatSize = (gCount % 3 == 0) ? 9 : 0;
-                    writeSeed(dir, optionSets[option++ % 5], buildPng(spec));
+                        recipe.palette = testPixels(16, 1, 2, 7);
+                    recipe.idatSize = (gCount % 3 == 0) ? 9 : 0;
+                    writeSeed(dir, optionSets[option++ % 5], buildPng(recipe));
                 }
             }
         }
     }
     // Plain files, for the allow-plain path.
     for (int colorType : {2, 6}) {
-        PngSpec spec;
-        spec.width = 7;
-        spec.height = 6;
-        spec.colorType = colorType;
-        spec.crushed = false;
-        spec.filter = -1;
-        spec.pixels = testPixels(7, 6, colorType, 3);
-        writeSeed(dir, AllowPlain, buildPng(spec));
-        writeSeed(dir, AllowPlain | PrintInfo, buildPng(spec));
+        PngRecipe recipe;
+        recipe.width = 7;
+        recipe.height = 6;
+        recipe.colorType = colorType;
+        recipe.crushed = false;
+        recipe.filter = -1;
+        recipe.pixels = testPixels(7, 6, colorType, 3);
+        writeSeed(dir, AllowPlain, buildPng(recipe));
+        writeSeed(dir, AllowPlain | PrintInfo, buildPng(recipe));
     }
     printf("%d seeds\n", gCount);
     return 0;

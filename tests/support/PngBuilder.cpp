@@ -34,13 +34,13 @@ int paeth(int a, int b, int c)
 }
 
 // The stored form of one pixel: channels swapped and colours premultiplied when crushed.
-void storePixel(const PngSpec& spec, const uint8_t* in, uint8_t* out)
+void storePixel(const PngRecipe& recipe, const uint8_t* in, uint8_t* out)
 {
-    const int n = channels(spec.colorType);
+    const int n = channels(recipe.colorType);
     memcpy(out, in, n);
-    if (!spec.crushed || (spec.colorType != 2 && spec.colorType != 6))
+    if (!recipe.crushed || (recipe.colorType != 2 && recipe.colorType != 6))
         return;
-    if (spec.colorType == 6 && spec.premultiply) {
+    if (recipe.colorType == 6 && recipe.premultiply) {
         for (int c = 0; c < 3; ++c)
             out[c] = premultiplied(in[c], in[3]);
     }
@@ -126,18 +126,18 @@ void filterRow(int type, uint8_t* row, const uint8_t* prev, size_t length, int b
     }
 }
 
-Bytes scanlines(const PngSpec& spec)
+Bytes scanlines(const PngRecipe& recipe)
 {
-    const int n = channels(spec.colorType);
+    const int n = channels(recipe.colorType);
     Bytes out;
-    const int passes = spec.interlaced ? 7 : 1;
+    const int passes = recipe.interlaced ? 7 : 1;
     for (int p = 0; p < passes; ++p) {
-        const uint32_t x0 = spec.interlaced ? kStartColumn[p] : 0;
-        const uint32_t y0 = spec.interlaced ? kStartRow[p] : 0;
-        const uint32_t dx = spec.interlaced ? kColumnStep[p] : 1;
-        const uint32_t dy = spec.interlaced ? kRowStep[p] : 1;
-        const uint32_t columns = spec.width > x0 ? (spec.width - x0 + dx - 1) / dx : 0;
-        const uint32_t rows = spec.height > y0 ? (spec.height - y0 + dy - 1) / dy : 0;
+        const uint32_t x0 = recipe.interlaced ? kStartColumn[p] : 0;
+        const uint32_t y0 = recipe.interlaced ? kStartRow[p] : 0;
+        const uint32_t dx = recipe.interlaced ? kColumnStep[p] : 1;
+        const uint32_t dy = recipe.interlaced ? kRowStep[p] : 1;
+        const uint32_t columns = recipe.width > x0 ? (recipe.width - x0 + dx - 1) / dx : 0;
+        const uint32_t rows = recipe.height > y0 ? (recipe.height - y0 + dy - 1) / dy : 0;
         if (columns == 0 || rows == 0)
             continue;
         Bytes previous, current(size_t(columns) * n);
@@ -145,13 +145,13 @@ Bytes scanlines(const PngSpec& spec)
             const uint32_t y = y0 + r * dy;
             for (uint32_t c = 0; c < columns; ++c) {
                 const uint32_t x = x0 + c * dx;
-                storePixel(spec, &spec.pixels[(size_t(y) * spec.width + x) * n],
+                storePixel(recipe, &recipe.pixels[(size_t(y) * recipe.width + x) * n],
                            &current[size_t(c) * n]);
             }
             const uint8_t* above = previous.empty() ? nullptr : previous.data();
-            int type = spec.filter == -1 ? int(r % 5) : spec.filter;
+            int type = recipe.filter == -1 ? int(r % 5) : recipe.filter;
             Bytes filtered = current;
-            if (spec.filter == -2) {
+            if (recipe.filter == -2) {
                 // The usual encoder heuristic: the filter with the smallest sum of
                 // absolute (signed) residuals.
                 long best = -1;
@@ -178,13 +178,13 @@ Bytes scanlines(const PngSpec& spec)
     return out;
 }
 
-Bytes buildPng(const PngSpec& spec)
+Bytes buildPng(const PngRecipe& recipe)
 {
-    const Bytes raw = scanlines(spec);
-    libdeflate_compressor* c = libdeflate_alloc_compressor(spec.level);
+    const Bytes raw = scanlines(recipe);
+    libdeflate_compressor* c = libdeflate_alloc_compressor(recipe.level);
     Bytes packed(libdeflate_zlib_compress_bound(c, raw.size()));
     const size_t size =
-        spec.crushed
+        recipe.crushed
             ? libdeflate_deflate_compress(c, raw.data(), raw.size(), packed.data(), packed.size())
             : libdeflate_zlib_compress(c, raw.data(), raw.size(), packed.data(), packed.size());
     libdeflate_free_compressor(c);
@@ -192,12 +192,12 @@ Bytes buildPng(const PngSpec& spec)
 
     Bytes file(kSignature, kSignature + 8);
     auto append = [&file](const Bytes& b) { file.insert(file.end(), b.begin(), b.end()); };
-    if (spec.crushed)
+    if (recipe.crushed)
         append(chunk("CgBI", {0x50, 0x00, 0x20, 0x06}));
-    append(ihdr(spec.width, spec.height, 8, spec.colorType, spec.interlaced ? 1 : 0));
-    if (spec.colorType == 3)
-        append(chunk("PLTE", spec.palette));
-    const size_t piece = spec.idatSize ? spec.idatSize : packed.size();
+    append(ihdr(recipe.width, recipe.height, 8, recipe.colorType, recipe.interlaced ? 1 : 0));
+    if (recipe.colorType == 3)
+        append(chunk("PLTE", recipe.palette));
+    const size_t piece = recipe.idatSize ? recipe.idatSize : packed.size();
     for (size_t at = 0; at < packed.size(); at += piece) {
         const size_t n = std::min(piece, packed.size() - at);
         append(chunk("IDAT", Bytes(packed.begin() + at, packed.begin() + at + n)));

@@ -11,7 +11,7 @@ namespace kavreltest {
 
 using Bytes = std::vector<uint8_t>;
 
-struct PngSpec
+struct PngRecipe
 {
     uint32_t width = 1;
     uint32_t height = 1;
@@ -34,10 +34,10 @@ uint32_t crc32(const uint8_t* data, size_t size);
 Bytes chunk(const std::string& type, const Bytes& data);
 Bytes ihdr(uint32_t width, uint32_t height, int depth, int colorType, int interlace);
 // The scanlines (filter byte + filtered bytes, Adam7 passes one after the other) the
-// spec's pixels give, as stored before compression.
-Bytes scanlines(const PngSpec& spec);
+// recipe's pixels give, as stored before compression.
+Bytes scanlines(const PngRecipe& recipe);
 // The whole file.
-Bytes buildPng(const PngSpec& spec);
+Bytes buildPng(const PngRecipe& recipe);
 // The value a crushed file stores for colour v under alpha a.
 uint8_t premultiplied(uint8_t v, uint8_t a);
 
