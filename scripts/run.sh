@@ -16,7 +16,6 @@ fi
 demo() { echo; echo "\$ kavrel $*"; "$kavrel" "$@"; }
 
 "$kavrel" --help
-demo service check || true
 
 # Devices: a real one when attached, otherwise the simulated iPhone on a private socket.
 devsim="$root/build/tools/devsim/kavrel-devsim"
@@ -46,6 +45,8 @@ if [ -z "$(idevice_id -l 2>/dev/null || true)" ] && [ -x "$devsim" ]; then
   echo "(no device attached: using kavrel-devsim's simulated iPhone at $sock)"
 fi
 
+# The service check looks at the same usbmuxd socket the device commands use.
+demo service check || true
 demo devices || true
 demo info --pretty || true
 
