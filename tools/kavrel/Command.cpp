@@ -13,7 +13,8 @@ QList<Command>& commands()
 CommandRegistrar::CommandRegistrar(const char* name, const char* usage, const char* summary,
                                    CommandFn run)
 {
-    commands().append({QString::fromUtf8(name), QString::fromUtf8(usage), QString::fromUtf8(summary), run});
+    commands().append(
+        {QString::fromUtf8(name), QString::fromUtf8(usage), QString::fromUtf8(summary), run});
 }
 
 bool parseCommandLine(QCommandLineParser& parser, const QString& name, const QStringList& args,

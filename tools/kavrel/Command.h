@@ -49,5 +49,5 @@ QTextStream& err();
 #define KAVREL_CONCAT_(a, b) a##b
 #define KAVREL_CONCAT(a, b) KAVREL_CONCAT_(a, b)
 #define KAVREL_COMMAND(name, usage, summary, fn)                                                   \
-    static const kavrelcli::CommandRegistrar KAVREL_CONCAT(kavrelCommand_, __LINE__)(name, usage,   \
-                                                                                    summary, fn)
+    static const kavrelcli::CommandRegistrar KAVREL_CONCAT(kavrelCommand_, __LINE__)(name, usage,  \
+                                                                                     summary, fn)

@@ -15,10 +15,9 @@ int main()
     DeviceHelper::nodeToJson(text, dict);
     plist_free(dict);
     text += QLatin1Char('|') + OperationInfo::commandName(KCommandUninstall);
-    text += QLatin1Char('|')
-            + ProgressLine::forEmission(ProgressLine::statusComplete(
-                QStringLiteral("RemoveArchive"), QStringLiteral("Complete"),
-                QStringLiteral("com.x"), true));
+    text += QLatin1Char('|') + ProgressLine::forEmission(ProgressLine::statusComplete(
+                                   QStringLiteral("RemoveArchive"), QStringLiteral("Complete"),
+                                   QStringLiteral("com.x"), true));
     std::printf("%s\n", text.toUtf8().constData());
     return 0;
 }
