@@ -106,18 +106,6 @@ int demultiplied(uint8_t v, uint8_t a)
     return a ? ((p * 255 + a / 2) / a) & 0xFF : p;
 }
 
-Bytes replaceChunk(const Bytes& file, const std::string& type, const Bytes& chunkBytes)
-{
-    std::vector<ParsedChunk> chunks;
-    parseChunks(file, chunks);
-    Bytes out(file.begin(), file.begin() + 8);
-    for (const ParsedChunk& c : chunks) {
-        const Bytes b = c.type == type ? chunkBytes : chunk(c.type, c.data);
-        out.insert(out.end(), b.begin(), b.end());
-    }
-    return out;
-}
-
 // Inserts a chunk before the first chunk of type `before`.
 Bytes insertChunk(const Bytes& file, const std::string& before, const Bytes& chunkBytes)
 {
@@ -278,22 +266,12 @@ private slots:
     void passesPaletteAndGreyThrough();
     void refusesBadInput_data();
     void refusesBadInput();
-    void repairsWrongCrc();
-    void listsChunksWithoutRepairing();
-    void dropsDataAfterIend();
-    void writesIntoOutputDir();
-    void reportsUncreatableOutput();
-    void onlyNamesFileWithoutWriting();
-    void printsImageInfo();
-    void informsAboutOversizedChunk();
-    void swapsPlainFileWhenAllowed();
+    void options_data();
+    void options();
     void demultiplyAlpha_data();
     void demultiplyAlpha();
-    void rowFilters_data();
-    void rowFilters();
     void rowFiltersMatchDefinition_data();
     void rowFiltersMatchDefinition();
-    void crc32s();
 
 private:
     QString writeInput(const QString& name, const Bytes& file);
@@ -642,188 +620,151 @@ void TestPngCrush::refusesBadInput()
     QCOMPARE(readFile(path), toQt(file)); // untouched
 }
 
-void TestPngCrush::repairsWrongCrc()
+void TestPngCrush::options_data()
 {
-    Bytes text = chunk("tEXt", {'k', 0, 'v', 'a', 'l'});
-    text[text.size() - 1] ^= 0x5A;
-    const Bytes input = insertChunk(buildPng(rgbaRecipe(4, 4)), "IDAT", text);
-    const QString path = writeInput(QStringLiteral("crc.png"), input);
-    const uint32_t stored =
-        uint32_t(text[13]) << 24 | uint32_t(text[14]) << 16 | uint32_t(text[15]) << 8 | text[16];
-    const uint32_t right = crc32(text.data() + 4, 9);
-
-    const Run run = runCrush(path);
-    QCOMPARE(run.result, 1);
-    // The name is printed once, before the first report.
+    QTest::addColumn<QString>("name"); // the input, in the test folder
+    QTest::addColumn<Bytes>("file");
+    QTest::addColumn<QString>("options"); // fields set to 1, "dry": no writing, "out=DIR"
+    QTest::addColumn<int>("result");
+    QTest::addColumn<QString>("output");  // %1 stands for the input path
+    QTest::addColumn<QString>("outName"); // in the test folder; empty: left unset
+    QTest::addColumn<bool>("crcsValid");  // of the written file
+    QTest::addColumn<uint>("pixel");      // expected at 0,0 of the written file; 0: not checked
     auto hex = [](uint32_t v) { return QString::number(v, 16).toUpper().rightJustified(8, '0'); };
-    QCOMPARE(run.output, path + " :\n    chunk : tEXt  length      5  CRC32 " + hex(stored) +
-                             " -> invalid, changed to " + hex(right) + "\n");
+    const Bytes small = buildPng(rgbaRecipe(8, 3));
+
+    Bytes text = chunk("tEXt", {'k', 0, 'v', 'a', 'l'});
+    const uint32_t right = crc32(text.data() + 4, 9);
+    text[text.size() - 1] ^= 0x5A;
+    const Bytes badCrc = insertChunk(buildPng(rgbaRecipe(4, 4)), "IDAT", text);
+    // The name is printed once, before the first report.
+    QTest::newRow("CRC repaired") << "crc.png" << badCrc << "" << 1
+                                  << "%1 :\n    chunk : tEXt  length      5  CRC32 " +
+                                         hex(right ^ 0x5A) + " -> invalid, changed to " +
+                                         hex(right) + "\n"
+                                  << "crc.png" << true << 0u;
     std::vector<ParsedChunk> chunks;
-    QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
-    QCOMPARE(chunks[1].type, std::string("tEXt"));
-    QVERIFY(chunks[1].crcValid);
-}
-
-void TestPngCrush::listsChunksWithoutRepairing()
-{
-    Bytes text = chunk("tEXt", {'k', 0, 'v'});
-    text[text.size() - 1] ^= 1;
-    const Bytes input = insertChunk(buildPng(rgbaRecipe(4, 4)), "IDAT", text);
-    std::vector<ParsedChunk> in;
-    parseChunks(input, in);
-    const QString path = writeInput(QStringLiteral("list.png"), input);
-
-    PngCrush crush;
-    crush.list_chunks = 1;
-    const Run run = runCrush(crush, path);
-    QCOMPARE(run.result, 1);
-    QStringList expected{path + " :"};
-    for (const ParsedChunk& c : in) {
-        QString line = QStringLiteral("    chunk : %1  length %2  CRC32 %3")
-                           .arg(QString::fromStdString(c.type))
-                           .arg(c.data.size(), 6)
-                           .arg(QString::number(c.storedCrc, 16).toUpper(), 8, QLatin1Char('0'));
+    parseChunks(badCrc, chunks);
+    QString listing = "%1 :\n";
+    for (const ParsedChunk& c : chunks) {
+        listing += QStringLiteral("    chunk : %1  length %2  CRC32 ")
+                       .arg(QString::fromStdString(c.type))
+                       .arg(c.data.size(), 6) +
+                   hex(c.storedCrc);
         if (!c.crcValid)
-            line += QStringLiteral(" --> CRC32 check invalid! Should be %1")
-                        .arg(QString::number(crc32(text.data() + 4, 7), 16).toUpper(), 8,
-                             QLatin1Char('0'));
-        expected << line;
+            listing += " --> CRC32 check invalid! Should be " + hex(right);
+        listing += "\n";
     }
-    QCOMPARE(run.output, expected.join('\n') + "\n");
-    std::vector<ParsedChunk> out;
-    QVERIFY(parseChunks(fromQt(readFile(path)), out));
-    QCOMPARE(out[1].type, std::string("tEXt"));
-    QVERIFY(!out[1].crcValid); // listed, not repaired
+    QTest::newRow("chunks listed, not repaired")
+        << "list.png" << badCrc << "list_chunks" << 1 << listing << "list.png" << false << 0u;
+
+    Bytes trailing = buildPng(rgbaRecipe(5, 5));
+    trailing.insert(trailing.end(), {'t', 'r', 'a', 'i', 'l'});
+    QTest::newRow("data after IEND dropped")
+        << "extra.png" << trailing << "" << 1
+        << "%1 : Extra data after IEND, very suspicious! Excluded from conversion\n"
+        << "extra.png" << true << 0u;
+    QTest::newRow("output dir: base name, input kept")
+        << "sub/in.png" << small << "out=out" << 1 << "%1 : "
+        << "out/in.png" << true << 0u;
+    QTest::newRow("output dir missing")
+        << "in.png" << small << "out=missing" << 0 << "%1 :     failed to create output file!\n"
+        << "missing/in.png" << true << 0u;
+    QTest::newRow("dry run names the file") << "dry.png" << small << "dry" << 0 << "%1\n"
+                                            << "" << true << 0u;
+
+    PngRecipe interlaced = rgbaRecipe(10, 3);
+    interlaced.interlaced = true;
+    // 3 rows: passes 0..6 have 1, 1, 0, 1, 1, 2, 1 rows (sum 7) of 2, 1, 3, 2, 5, 5, 10 columns.
+    QTest::newRow("image info") << "info.png" << buildPng(interlaced) << "print_info dry" << 0
+                                << "%1 :\n"
+                                   "    image width        : 10\n"
+                                   "    image height       : 3\n"
+                                   "    bit depth          : 8\n"
+                                   "    color type         : 6\n"
+                                   "    compression        : 0\n"
+                                   "    filter             : 0\n"
+                                   "    interlace          : 1\n"
+                                   "    bits per pixel     : 32\n"
+                                   "    bytes per line     : 40\n"
+                                   "    Adam7 interlacing:\n"
+                                   "      pass 0: 2 x 1\n"
+                                   "      pass 1: 1 x 1\n"
+                                   "      pass 2: 3 x 0\n"
+                                   "      pass 3: 2 x 1\n"
+                                   "      pass 4: 5 x 1\n"
+                                   "      pass 5: 5 x 2\n"
+                                   "      pass 6: 10 x 1\n"
+                                   "    row filter bytes   : 7\n"
+                                   "    expected data size : 127 bytes\n"
+                                   "    swapping BGR(A) to RGB(A)\n"
+                                   "    uncompressed size  : 127 bytes\n"
+                                   "    repacked size: N bytes\n"
+                                << "" << true << 0u;
+
+    Bytes longChunk = buildPng(rgbaRecipe(4, 4));
+    longChunk.resize(longChunk.size() - 12);
+    longChunk.insert(longChunk.end(), {0, 0, 0x10, 0, 'I', 'E', 'N', 'D', 0, 0, 0, 0});
+    QTest::newRow("oversized chunk explained")
+        << "long.png" << longChunk << "informational" << 0
+        << "    informational : chunk length 4096 larger than file\n%1 : invalid chunk size\n"
+        << "" << true << 0u;
+
+    // A plain file, when allowed, goes through the same channel swap.
+    PngRecipe plain;
+    plain.width = 4;
+    plain.height = 2;
+    plain.colorType = 2;
+    plain.crushed = false;
+    plain.filter = 4;
+    plain.pixels = testPixels(4, 2, 2, 9);
+    const uint8_t* p = plain.pixels.data();
+    QTest::newRow("plain file allowed") << "plain.png" << buildPng(plain) << "allow_plain" << 1
+                                        << "%1 : not an -iphone crushed PNG file\n"
+                                        << "plain.png" << true << uint(qRgb(p[2], p[1], p[0]));
 }
 
-void TestPngCrush::dropsDataAfterIend()
+void TestPngCrush::options()
 {
-    Bytes input = buildPng(rgbaRecipe(5, 5));
-    input.insert(input.end(), {'t', 'r', 'a', 'i', 'l'});
-    const QString path = writeInput(QStringLiteral("extra.png"), input);
-    const Run run = runCrush(path);
-    QCOMPARE(run.result, 1);
-    QCOMPARE(run.output,
-             path + " : Extra data after IEND, very suspicious! Excluded from conversion\n");
-    const QByteArray out = readFile(path);
-    QVERIFY(out.endsWith(toQt(chunk("IEND", {}))));
-    QImage image;
-    QVERIFY(image.load(path, "PNG"));
-}
-
-void TestPngCrush::writesIntoOutputDir()
-{
-    const Bytes input = buildPng(rgbaRecipe(8, 3));
-    const QString path = writeInput(QStringLiteral("sub/in.png"), input);
+    QFETCH(QString, name);
+    QFETCH(Bytes, file);
+    QFETCH(QString, options);
+    QFETCH(int, result);
+    QFETCH(QString, output);
+    QFETCH(QString, outName);
+    QFETCH(bool, crcsValid);
+    QFETCH(uint, pixel);
+    const QString path = writeInput(name, file);
     QVERIFY(QDir().mkpath(mDir.filePath("out")));
-    QByteArray dir = QFile::encodeName(mDir.filePath("out"));
+
     PngCrush crush;
-    crush.output_dir = dir.data();
-    const Run run = runCrush(crush, path);
-    QCOMPARE(run.result, 1);
-    QCOMPARE(run.outName, mDir.filePath("out/in.png"));
-    QCOMPARE(readFile(path), toQt(input)); // the input stays
+    crush.print_info = options.contains("print_info");
+    crush.list_chunks = options.contains("list_chunks");
+    crush.informational = options.contains("informational");
+    crush.allow_plain = options.contains("allow_plain");
+    crush.write_output = !options.contains("dry");
+    const QString outDir = options.section("out=", 1);
+    QByteArray outDirName = QFile::encodeName(mDir.filePath(outDir));
+    if (!outDir.isEmpty())
+        crush.output_dir = outDirName.data();
+    Run run = runCrush(crush, path);
+    run.output.replace(QRegularExpression("repacked size: \\d+"), "repacked size: N");
+    QCOMPARE(run.result, result);
+    QCOMPARE(run.output, output.arg(path));
+    QCOMPARE(run.outName, outName.isEmpty() ? QString() : mDir.filePath(outName));
+    if (run.outName != path)
+        QCOMPARE(readFile(path), toQt(file));
+    if (result == 0)
+        return;
+
+    std::vector<ParsedChunk> chunks;
+    QVERIFY(parseChunks(fromQt(readFile(run.outName)), chunks));
+    QCOMPARE(std::all_of(chunks.begin(), chunks.end(), [](auto& c) { return c.crcValid; }),
+             crcsValid);
     QImage image;
     QVERIFY(image.load(run.outName, "PNG"));
-}
-
-void TestPngCrush::reportsUncreatableOutput()
-{
-    const Bytes input = buildPng(rgbaRecipe(8, 3));
-    const QString path = writeInput(QStringLiteral("in.png"), input);
-    QByteArray dir = QFile::encodeName(mDir.filePath("missing"));
-    PngCrush crush;
-    crush.output_dir = dir.data();
-    const Run run = runCrush(crush, path);
-    QCOMPARE(run.result, 0);
-    QCOMPARE(run.output, path + " :     failed to create output file!\n");
-    QCOMPARE(run.outName, mDir.filePath("missing/in.png")); // stored for the caller
-}
-
-void TestPngCrush::onlyNamesFileWithoutWriting()
-{
-    const Bytes input = buildPng(rgbaRecipe(8, 3));
-    const QString path = writeInput(QStringLiteral("dry.png"), input);
-    PngCrush crush;
-    crush.write_output = 0;
-    const Run run = runCrush(crush, path);
-    QCOMPARE(run.result, 0);
-    QCOMPARE(run.output, path + "\n");
-    QCOMPARE(readFile(path), toQt(input));
-}
-
-void TestPngCrush::printsImageInfo()
-{
-    PngRecipe recipe = rgbaRecipe(10, 3);
-    recipe.interlaced = true;
-    const QString path = writeInput(QStringLiteral("info.png"), buildPng(recipe));
-    PngCrush crush;
-    crush.print_info = 1;
-    crush.write_output = 0;
-    const Run run = runCrush(crush, path);
-    // 3 rows: passes 0..6 have 1, 1, 0, 1, 1, 2, 1 rows (sum 7) of 2, 1, 3, 2, 5, 5, 10 columns.
-    const QString expected = path + " :\n"
-                                    "    image width        : 10\n"
-                                    "    image height       : 3\n"
-                                    "    bit depth          : 8\n"
-                                    "    color type         : 6\n"
-                                    "    compression        : 0\n"
-                                    "    filter             : 0\n"
-                                    "    interlace          : 1\n"
-                                    "    bits per pixel     : 32\n"
-                                    "    bytes per line     : 40\n"
-                                    "    Adam7 interlacing:\n"
-                                    "      pass 0: 2 x 1\n"
-                                    "      pass 1: 1 x 1\n"
-                                    "      pass 2: 3 x 0\n"
-                                    "      pass 3: 2 x 1\n"
-                                    "      pass 4: 5 x 1\n"
-                                    "      pass 5: 5 x 2\n"
-                                    "      pass 6: 10 x 1\n"
-                                    "    row filter bytes   : 7\n"
-                                    "    expected data size : 127 bytes\n"
-                                    "    swapping BGR(A) to RGB(A)\n"
-                                    "    uncompressed size  : 127 bytes\n"
-                                    "    repacked size: ";
-    QCOMPARE(run.result, 0);
-    QVERIFY2(run.output.startsWith(expected), qPrintable(run.output));
-    QVERIFY(QRegularExpression("repacked size: \\d+ bytes\n$").match(run.output).hasMatch());
-}
-
-void TestPngCrush::informsAboutOversizedChunk()
-{
-    Bytes input = buildPng(rgbaRecipe(4, 4));
-    input.resize(input.size() - 12);
-    input.insert(input.end(), {0, 0, 0x10, 0, 'I', 'E', 'N', 'D', 0, 0, 0, 0});
-    const QString path = writeInput(QStringLiteral("long.png"), input);
-    PngCrush crush;
-    crush.informational = 1;
-    const Run run = runCrush(crush, path);
-    QCOMPARE(run.result, 0);
-    QCOMPARE(run.output, "    informational : chunk length 4096 larger than file\n" + path +
-                             " : invalid chunk size\n");
-}
-
-void TestPngCrush::swapsPlainFileWhenAllowed()
-{
-    PngRecipe recipe;
-    recipe.width = 4;
-    recipe.height = 2;
-    recipe.colorType = 2;
-    recipe.crushed = false;
-    recipe.filter = 4;
-    recipe.pixels = testPixels(4, 2, 2, 9);
-    const QString path = writeInput(QStringLiteral("plain.png"), buildPng(recipe));
-    PngCrush crush;
-    crush.allow_plain = 1;
-    const Run run = runCrush(crush, path);
-    QCOMPARE(run.result, 1);
-    QCOMPARE(run.output, path + " : not an -iphone crushed PNG file\n");
-    QImage image;
-    QVERIFY(image.load(path, "PNG"));
-    // A plain file goes through the same channel swap.
-    const uint8_t* p = &recipe.pixels[(1 * 4 + 2) * 3];
-    QCOMPARE(image.pixel(2, 1), qRgb(p[2], p[1], p[0]));
+    if (pixel)
+        QCOMPARE(image.pixel(0, 0), QRgb(pixel));
 }
 
 void TestPngCrush::demultiplyAlpha_data()
@@ -858,76 +799,6 @@ void TestPngCrush::demultiplyAlpha()
     QCOMPARE(rows.mid(1, 8), QByteArray("\x09\x09\x09\xff\x09\x09\x09\xff", 8));
 }
 
-void TestPngCrush::rowFilters_data()
-{
-    QTest::addColumn<QByteArray>("filtered");   // scanlines as stored
-    QTest::addColumn<QByteArray>("unfiltered"); // after removeRowFilters
-    QTest::addColumn<QByteArray>("refiltered"); // applyRowFilters of that
-    QTest::addColumn<int>("width");
-    auto b = [](std::initializer_list<int> v) {
-        QByteArray a;
-        for (int x : v)
-            a.append(char(x));
-        return a;
-    };
-    // Sub and None round-trip exactly.
-    QTest::newRow("sub") << b({1, 1, 2, 3, 4, 5, 6, 7, 8}) << b({1, 1, 2, 3, 4, 6, 8, 10, 12})
-                         << b({1, 1, 2, 3, 4, 5, 6, 7, 8}) << 2;
-    QTest::newRow("none then sub")
-        << b({0, 9, 9, 9, 9, 9, 9, 9, 9, 1, 250, 10, 0, 0, 10, 20, 30, 40})
-        << b({0, 9, 9, 9, 9, 9, 9, 9, 9, 1, 250, 10, 0, 0, 4, 30, 30, 40})
-        << b({0, 9, 9, 9, 9, 9, 9, 9, 9, 1, 250, 10, 0, 0, 10, 20, 30, 40}) << 2;
-    // Up below the first row: removal adds the row above; re-filtering subtracts
-    // each byte's left neighbour in the same row, the filter byte before byte 0.
-    QTest::newRow("up") << b({0, 10, 20, 30, 40, 2, 1, 2, 3, 4})
-                        << b({0, 10, 20, 30, 40, 2, 11, 22, 33, 44})
-                        << b({0, 10, 20, 30, 40, 2, 9, 11, 11, 11}) << 1;
-    QTest::newRow("up first row") << b({2, 1, 2, 3, 4}) << b({2, 1, 2, 3, 4}) << b({2, 1, 2, 3, 4})
-                                  << 1;
-    // Average below the first row: byte 0 gains half the row's own filter byte (1);
-    // re-filtering after a None row takes that same byte again.
-    QTest::newRow("average after none")
-        << b({0, 10, 20, 30, 40, 3, 1, 2, 3, 4}) << b({0, 10, 20, 30, 40, 3, 2, 2, 3, 4})
-        << b({0, 10, 20, 30, 40, 3, 1, 2, 3, 4}) << 1;
-    // After a Sub row byte 0 loses half of byte 3 of the (re-filtered) row above.
-    QTest::newRow("average after sub")
-        << b({1, 10, 20, 30, 40, 3, 1, 2, 3, 4}) << b({1, 10, 20, 30, 40, 3, 2, 2, 3, 4})
-        << b({1, 10, 20, 30, 40, 3, 238, 2, 3, 4}) << 1;
-    // Paeth below the first row takes byte 3's left neighbour from the filter byte
-    // both ways, but re-filters byte 0 against the filter byte as the byte above.
-    // After a Paeth row, Average's byte 0 loses half the previous filter byte (4).
-    QTest::newRow("average after paeth")
-        << b({0, 0, 0, 0, 0, 4, 0, 0, 0, 0, 3, 100, 0, 0, 0})
-        << b({0, 0, 0, 0, 0, 4, 0, 0, 0, 4, 3, 101, 0, 0, 0})
-        << b({0, 0, 0, 0, 0, 4, 252, 0, 0, 0, 3, 99, 0, 0, 0}) << 1;
-    // Paeth below the first row: removal predicts from the row above (bytes 1..3 with
-    // left neighbours reaching back over the filter byte); re-filtering predicts from
-    // the same row.
-    QTest::newRow("paeth below none")
-        << b({0, 10, 20, 30, 40, 50, 60, 70, 80, 4, 1, 2, 3, 4, 5, 6, 7, 8})
-        << b({0, 10, 20, 30, 40, 50, 60, 70, 80, 4, 11, 72, 83, 44, 55, 78, 90, 88})
-        << b({0, 10, 20, 30, 40, 50, 60, 70, 80, 4, 7, 2, 3, 217, 11, 6, 7, 44}) << 2;
-    // Paeth in the first row: left neighbours four bytes back, byte 3 reaching the
-    // filter byte (4), bytes 1 and 2 nothing before the buffer.
-    QTest::newRow("paeth first row")
-        << b({4, 1, 1, 1, 1, 1, 1, 1, 1}) << b({4, 1, 1, 1, 5, 2, 2, 2, 6})
-        << b({4, 1, 1, 1, 1, 1, 1, 1, 1}) << 2;
-}
-
-void TestPngCrush::rowFilters()
-{
-    QFETCH(QByteArray, filtered);
-    QFETCH(QByteArray, unfiltered);
-    QFETCH(QByteArray, refiltered);
-    QFETCH(int, width);
-    const int height = filtered.size() / (4 * width + 1);
-    QByteArray rows = filtered;
-    PngCrush::removeRowFilters(width, height, reinterpret_cast<unsigned char*>(rows.data()));
-    QCOMPARE(rows.toHex(' '), unfiltered.toHex(' '));
-    PngCrush::applyRowFilters(width, height, reinterpret_cast<unsigned char*>(rows.data()));
-    QCOMPARE(rows.toHex(' '), refiltered.toHex(' '));
-}
-
 void TestPngCrush::rowFiltersMatchDefinition_data()
 {
     QTest::addColumn<int>("filter"); // -1: a random filter per row
@@ -960,15 +831,6 @@ void TestPngCrush::rowFiltersMatchDefinition()
         PngCrush::applyRowFilters(width, height, reinterpret_cast<unsigned char*>(got.data()));
         QVERIFY2(got == expected, qPrintable(QStringLiteral("apply, width %1").arg(width)));
     }
-}
-
-void TestPngCrush::crc32s()
-{
-    unsigned char iend[] = {'I', 'E', 'N', 'D'};
-    QCOMPARE(PngCrush::crc32s(iend, 4), 0xAE426082u);
-    QCOMPARE(PngCrush::crc32s(iend, 0), 0u);
-    unsigned char be[] = {0x12, 0x34, 0x56, 0x78};
-    QCOMPARE(PngCrush::read_long(be), 0x12345678u);
 }
 
 KAVREL_TEST_MAIN(TestPngCrush)
