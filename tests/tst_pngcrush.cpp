@@ -99,13 +99,6 @@ Run runCrush(const QString& path)
     return runCrush(crush, path);
 }
 
-// The colour a converted crushed RGBA file shows for straight colour v under alpha a.
-int demultiplied(uint8_t v, uint8_t a)
-{
-    const unsigned p = premultiplied(v, a);
-    return a ? ((p * 255 + a / 2) / a) & 0xFF : p;
-}
-
 // Inserts a chunk before the first chunk of type `before`.
 Bytes insertChunk(const Bytes& file, const std::string& before, const Bytes& chunkBytes)
 {
@@ -122,16 +115,6 @@ Bytes insertChunk(const Bytes& file, const std::string& before, const Bytes& chu
         out.insert(out.end(), b.begin(), b.end());
     }
     return out;
-}
-
-Bytes idatData(const std::vector<ParsedChunk>& chunks)
-{
-    Bytes data;
-    for (const ParsedChunk& c : chunks) {
-        if (c.type == "IDAT")
-            data.insert(data.end(), c.data.begin(), c.data.end());
-    }
-    return data;
 }
 
 Bytes rawDeflate(const Bytes& raw)
@@ -354,18 +337,6 @@ void TestPngCrush::convertsCrushedImages()
     }
     QCOMPARE(types, (QStringList{"IHDR", "IDAT", "IEND"}));
 
-    // The image data is zlib-wrapped now and inflates to the scanlines.
-    const Bytes idat = idatData(chunks);
-    const size_t expectedSize = scanlines(recipe).size();
-    Bytes inflated(expectedSize);
-    size_t actual = 0;
-    libdeflate_decompressor* d = libdeflate_alloc_decompressor();
-    const auto r = libdeflate_zlib_decompress(d, idat.data(), idat.size(), inflated.data(),
-                                              inflated.size(), &actual);
-    libdeflate_free_decompressor(d);
-    QCOMPARE(int(r), int(LIBDEFLATE_SUCCESS));
-    QCOMPARE(actual, expectedSize);
-
     QImage image;
     QVERIFY(image.load(path, "PNG"));
     QCOMPARE(image.width(), int(recipe.width));
@@ -375,27 +346,23 @@ void TestPngCrush::convertsCrushedImages()
         for (uint32_t x = 0; x < recipe.width; ++x) {
             const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * n];
             const QRgb got = image.pixel(int(x), int(y));
-            int want[4] = {p[0], p[1], p[2], 255};
+            QRgb want = qRgb(p[0], p[1], p[2]);
             if (colorType == 6) {
-                want[3] = p[3];
-                for (int c = 0; c < 3; ++c) {
-                    if (!premultiply)
-                        want[c] = p[3] ? ((p[c] * 255 + p[3] / 2) / p[3]) & 0xFF : p[c];
-                    else
-                        want[c] = fixAlpha ? demultiplied(p[c], p[3]) : premultiplied(p[c], p[3]);
-                }
-                if (want[3] == 0)
+                if (p[3] == 0)
                     continue; // QImage drops the colour of invisible pixels
+                int c[3];
+                for (int i = 0; i < 3; ++i) {
+                    const unsigned stored = premultiply ? premultiplied(p[i], p[3]) : p[i];
+                    c[i] = fixAlpha ? ((stored * 255 + p[3] / 2) / p[3]) & 0xFF : stored;
+                }
+                want = qRgba(c[0], c[1], c[2], p[3]);
             }
-            const QString where = QStringLiteral("pixel %1,%2").arg(x).arg(y);
-            QVERIFY2(qRed(got) == want[0] && qGreen(got) == want[1] && qBlue(got) == want[2] &&
-                         qAlpha(got) == want[3],
-                     qPrintable(where + QStringLiteral(": got %1 want %2,%3,%4,%5")
-                                            .arg(got, 8, 16)
-                                            .arg(want[0])
-                                            .arg(want[1])
-                                            .arg(want[2])
-                                            .arg(want[3])));
+            if (got != want)
+                QFAIL(qPrintable(QStringLiteral("pixel %1,%2: got %3 want %4")
+                                     .arg(x)
+                                     .arg(y)
+                                     .arg(got, 8, 16)
+                                     .arg(want, 8, 16)));
         }
     }
 }
