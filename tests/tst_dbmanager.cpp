@@ -296,10 +296,8 @@ void TestDBManager::iconOnlyRows()
     QVERIFY(log.contains(QStringLiteral("icon already exists in db for appid: ")));
     QCOMPARE(mDb->getIconByAppid("com.example.icon"), QByteArray("first icon"));
 
-    // Without a name the row is left out of the list; NULL flags keep it from deletion.
+    // Without a name the row is left out of the list.
     QVERIFY(bundleIds(mDb->getAppsAsJson(0)).isEmpty());
-    mDb->removeAppById("com.example.icon", true, false, false);
-    QVERIFY(rowExists("com.example.icon"));
 
     // A row with an empty icon gets one.
     IpaParser::IpaInfo noIcon = record("com.example.noicon");
@@ -423,10 +421,6 @@ void TestDBManager::apostrophesNeverReachSql()
     cleanup.bindValue(":id", crafted);
     QVERIFY(cleanup.exec());
     QCOMPARE(snapshot(), before);
-
-    QVERIFY(!mDb->execQuery(QStringLiteral("SELECT nonsense FROM nowhere")));
-    QVERIFY(log.contains(
-        QStringLiteral("Error: failed to exec query:  \"SELECT nonsense FROM nowhere\"")));
 }
 
 void TestDBManager::concurrentSavesFromPoolAndHost()
@@ -578,7 +572,7 @@ void TestDBManager::dropClosesConnection()
     QVERIFY(!mDb->appExists("com.example.before-drop"));
     QCOMPARE(mDb->getAppsAsJson(0), QString()); // a failed select gives no JSON at all
     QVERIFY(!mDb->execQuery(QStringLiteral("SELECT 1")));
-    QVERIFY(log.contains(QStringLiteral("Error: failed to exec query: ")));
+    QVERIFY(log.hasLine(QStringLiteral("Error: failed to exec query:  \"SELECT 1\"")));
     QCOMPARE(DBManager::instance(), mDb);
     QVERIFY(QFileInfo(Utility::dataPath() + "norvahelper.db").size() > 0);
 }

@@ -221,9 +221,6 @@ void TestIpaParser::refusedArchives_data()
     QTest::newRow("Info.plist is not a property list")
         << zip << Entries{{kApp + "Info.plist", "<plist><dict><key>oops"}}
         << "Error: Could not parse Info.plist!";
-    QTest::newRow("binary magic followed by XML")
-        << zip << Entries{{kApp + "Info.plist", "bplist00" + plistBytes(sampleInfo(), false)}}
-        << "Error: Could not parse Info.plist!";
     QByteArray huge = plistBytes(sampleInfo(), false);
     huge.append(QByteArray(10 * 1024 * 1024, ' '));
     QTest::newRow("Info.plist over 10 MiB")
