@@ -154,10 +154,14 @@ void Stream::shutdownNow()
         ::shutdown(mFd, SHUT_RDWR);
 }
 
-int listenUnix(const std::string& path, std::string* error)
+namespace {
+
+// A new UNIX stream socket and the address of `path`; -1 (and *error) when the path
+// does not fit or no socket can be had.
+int unixSocketFor(const std::string& path, sockaddr_un* addr, std::string* error)
 {
-    sockaddr_un addr{};
-    if (path.size() >= sizeof(addr.sun_path)) {
+    *addr = sockaddr_un{};
+    if (path.size() >= sizeof(addr->sun_path)) {
         if (error)
             *error = "socket path too long: " + path;
         return -1;
@@ -168,8 +172,19 @@ int listenUnix(const std::string& path, std::string* error)
             *error = std::string("socket: ") + std::strerror(errno);
         return -1;
     }
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    addr->sun_family = AF_UNIX;
+    std::strncpy(addr->sun_path, path.c_str(), sizeof(addr->sun_path) - 1);
+    return fd;
+}
+
+} // namespace
+
+int listenUnix(const std::string& path, std::string* error)
+{
+    sockaddr_un addr;
+    int fd = unixSocketFor(path, &addr, error);
+    if (fd < 0)
+        return -1;
     ::unlink(path.c_str());
     if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 64) != 0) {
         if (error)
@@ -182,20 +197,10 @@ int listenUnix(const std::string& path, std::string* error)
 
 int connectUnix(const std::string& path, std::string* error)
 {
-    sockaddr_un addr{};
-    if (path.size() >= sizeof(addr.sun_path)) {
-        if (error)
-            *error = "socket path too long: " + path;
+    sockaddr_un addr;
+    int fd = unixSocketFor(path, &addr, error);
+    if (fd < 0)
         return -1;
-    }
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        if (error)
-            *error = std::string("socket: ") + std::strerror(errno);
-        return -1;
-    }
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
     if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
         if (error)
             *error = "cannot connect to " + path + ": " + std::strerror(errno);
