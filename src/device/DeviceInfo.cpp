@@ -224,14 +224,11 @@ bool DeviceInfo::getDiskUsageInfo(QString& out)
 
     lockdownd_service_descriptor_t service = nullptr;
     if (startService(mLockdown, kAfcService, &service)) {
-        // A second call replaces the client of the first; only the latest is kept
-        // (the earlier one is closed rather than left open).
+        // A second call replaces the client of the first without closing it; only
+        // cleanUp() closes the AFC client, on success and failure alike.
         afc_client_t afc = nullptr;
-        if (afc_client_new(mDevice, service, &afc) == AFC_E_SUCCESS && afc) {
-            if (mAfc)
-                afc_client_free(mAfc);
+        if (afc_client_new(mDevice, service, &afc) == AFC_E_SUCCESS && afc)
             mAfc = afc;
-        }
         lockdownd_service_descriptor_free(service);
     }
     if (!mAfc) {
