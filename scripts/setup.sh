@@ -8,7 +8,7 @@ PACKAGES=(
   build-essential cmake pkg-config clang libclang-rt-14-dev clang-format
   qtbase5-dev libqt5sql5-sqlite
   libimobiledevice-dev libplist-dev libusbmuxd-dev
-  libimobiledevice-utils ideviceinstaller libplist-utils
+  libimobiledevice-utils ideviceinstaller libplist-utils usbmuxd
   libzip-dev zipcmp libdeflate-dev zlib1g-dev libssl-dev
   nodejs pngcheck sqlite3 hyperfine
 )
