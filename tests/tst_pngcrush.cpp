@@ -558,6 +558,9 @@ void TestPngCrush::refusesBadInput_data()
     narrow.interlaced = true;
     QTest::newRow("interlaced narrower than 5")
         << buildPng(narrow) << "%1 : decompression error, expected 127 but got 125 bytes\n";
+    // 1x1 RGBA: 5 bytes of data leave 6 bytes for a zlib stream that needs more.
+    QTest::newRow("too small to recompress")
+        << buildPng(rgbaRecipe(1, 1)) << "%1 : unspecified compression error\n";
     Bytes badRows(4 * 25, 0);
     badRows[25] = 5;
     QTest::newRow("row filter 5") << crushedWithData(6, 4, 6, 0, rawDeflate(badRows))

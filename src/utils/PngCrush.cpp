@@ -781,17 +781,18 @@ bool Conversion::recompress()
         fail("out of memory");
         return false;
     }
-    // Twice the data is room enough for anything but the tiniest images, whose zlib
-    // header and trailer alone can exceed it.
-    const size_t capacity =
-        std::max(2 * mInflatedSize, 4 + libdeflate_zlib_compress_bound(c, mInflatedSize));
+    // Twice the data, the first 4 bytes kept free for the first IDAT's type. That is
+    // room enough for anything but the tiniest images, whose zlib header and trailer
+    // alone exceed it: those fail as a compression error.
+    const size_t capacity = 2 * mInflatedSize;
     mDeflated = static_cast<unsigned char*>(malloc(capacity));
     if (!mDeflated) {
         fail("out of memory");
         return false;
     }
-    mDeflatedSize =
-        libdeflate_zlib_compress(c, mInflated, mInflatedSize, mDeflated + 4, capacity - 4);
+    mDeflatedSize = capacity > 4 ? libdeflate_zlib_compress(c, mInflated, mInflatedSize,
+                                                            mDeflated + 4, capacity - 4)
+                                 : 0;
     if (mDeflatedSize == 0) {
         fail("unspecified compression error");
         return false;
