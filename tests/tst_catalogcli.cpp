@@ -3,6 +3,7 @@
 #include "TestSupport.h"
 #include "ZipBuilder.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QImage>
 #include <QJsonArray>
@@ -91,9 +92,11 @@ void TestCatalogCli::ipaThenCatalogThenIcon()
     const QByteArray icon("\x89PNG\r\n\x1a\n pretend icon bytes", 28);
     const QString path = writeIpa("My Game ü.ipa", "com.example.game", "My Game", icon);
     const QString unnamed = writeIpa("Unnamed Tool.ipa", "com.example.tool", QString(), icon);
-    const QString plain = writeIpa("plain.ipa", "com.example.plain", "Plain", QByteArray());
+    // A one-letter name, given relative to the current folder.
+    writeIpa("p", "com.example.plain", "Plain", QByteArray());
+    QVERIFY(QDir::setCurrent(mHome->path()));
 
-    const kavreltest::ProgramRun added = kavrel({"ipa", path, unnamed, plain});
+    const kavreltest::ProgramRun added = kavrel({"ipa", path, unnamed, "p"});
     QCOMPARE(added.exitCode, 0);
     QVERIFY2(!added.err.contains("kavrel ipa"), added.err.constData());
     const QList<QByteArray> lines = added.out.trimmed().split('\n');

@@ -42,7 +42,8 @@ QString parseProblem(const QString& file, IpaParser::IpaInfo& info)
 {
     if (!QFileInfo(file).isFile())
         return QStringLiteral("no such file");
-    if (!IpaParser::parseIpa(file, &info))
+    // The parser refuses paths shorter than 2 bytes; the user's file "x" is a path too.
+    if (!IpaParser::parseIpa(QFileInfo(file).absoluteFilePath(), &info))
         return QStringLiteral("not an .ipa archive with a readable Info.plist");
     if (info.mAppId.isEmpty())
         return QStringLiteral("the first Info.plist in the archive names no bundle identifier");
