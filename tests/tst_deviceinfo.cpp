@@ -1,8 +1,8 @@
 // The device-information report and property writes, as a host gets them through
 // DeviceManager, against kavrel-devsim.
 
+#include "DevSim.h"
 #include "DeviceManager.h"
-#include "DeviceProfiles.h"
 #include "TestSupport.h"
 
 #include <QJsonDocument>
@@ -66,12 +66,6 @@ class TestDeviceInfo : public QObject
 {
     Q_OBJECT
 private slots:
-    void init()
-    {
-        if (!DeviceSim::available())
-            QSKIP("kavrel-devsim is not built");
-    }
-
     void managerInterfaceOrder()
     {
         // Hosts may address these by index, so the order is part of the interface.
@@ -140,7 +134,7 @@ private slots:
         QFETCH(bool, hasUsage);
         QFETCH(QString, jailed);
         QFETCH(QString, logLine);
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start({profile}));
 
         LogCapture log;
@@ -185,7 +179,7 @@ private slots:
                            {"totalMovieBytes", 40},       {"totalMusicBytes", 50},
                            {"totalPhotoBytes", 60},       {"totalRingtoneBytes", 70},
                            {"totalVideoBytes", 80}};
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start({DeviceProfile(testUdid(1)).diskTotals(totals)}));
         LogCapture log;
         DeviceManager manager;
@@ -210,7 +204,7 @@ private slots:
             .value(QString(), "InternationalMobileSubscriberIdentity", "310260000000000")
             .value(QString(), "Note", "see InternationalMobileEquipmentIdentity")
             .value(QString(), "PasswordProtected", true);
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start({profile}));
         DeviceManager manager;
         const QString document = fetchInfo(manager, testUdid(1));
@@ -228,27 +222,6 @@ private slots:
         QCOMPARE(global.value("PasswordProtected").toString(), QStringLiteral("true"));
     }
 
-    void twoDevices()
-    {
-        DeviceSim sim;
-        QVERIFY(
-            sim.start({DeviceProfile(testUdid(1), "First"), DeviceProfile(testUdid(2), "Second")}));
-        DeviceManager manager;
-        QCOMPARE(parse(fetchInfo(manager, testUdid(2)))
-                     .value("global_info")
-                     .toObject()
-                     .value("DeviceName")
-                     .toString(),
-                 QStringLiteral("Second"));
-        QCOMPARE(parse(fetchInfo(manager, testUdid(1)))
-                     .value("global_info")
-                     .toObject()
-                     .value("UniqueDeviceID")
-                     .toString(),
-                 testUdid(1));
-        QVERIFY(QStringList({testUdid(1), testUdid(2)}).contains(DeviceManager::getFirstUdid()));
-    }
-
     void unreachableDevice_data()
     {
         QTest::addColumn<bool>("simulatorRuns");
@@ -261,8 +234,8 @@ private slots:
     {
         QFETCH(bool, simulatorRuns);
         QFETCH(QString, udid);
-        DeviceSim sim;
-        QVERIFY(sim.start({}));
+        DevSim sim;
+        QVERIFY(sim.start());
         if (!simulatorRuns)
             sim.stop();
         QCOMPARE(DeviceManager::getFirstUdid(), QString());
@@ -304,7 +277,7 @@ private slots:
         QFETCH(QString, value);
         QFETCH(bool, written);
         QFETCH(QString, logLine);
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start({DeviceProfile(testUdid(1))}));
         LogCapture log;
         DeviceManager manager;
@@ -329,7 +302,7 @@ private slots:
     {
         // Destroying the manager does not wait for running workers; their results go
         // nowhere and nothing touches the released jobs.
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start({DeviceProfile(testUdid(1))}));
         LogCapture log;
         auto* manager = new DeviceManager;
@@ -352,7 +325,7 @@ private slots:
         QList<DeviceProfile> profiles;
         for (int i = 1; i <= 4; ++i)
             profiles << DeviceProfile(testUdid(i), QStringLiteral("Phone %1").arg(i));
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start(profiles));
 
         DeviceManager manager;

@@ -1,10 +1,10 @@
 // The device session, device discovery, the AFC helpers and the hot-plug listener,
 // against kavrel-devsim through the real libimobiledevice.
 
+#include "DevSim.h"
 #include "DeviceBase.h"
 #include "DeviceHelper.h"
 #include "DeviceListener.h"
-#include "DeviceProfiles.h"
 #include "TestSupport.h"
 
 #include <QMetaMethod>
@@ -17,12 +17,12 @@ using namespace kavreltest;
 
 namespace {
 
-// A session that shows its handles and can open the sandboxed file service.
-class Session : public DeviceBase
+// A device session that shows its handles and can open the sandboxed file service.
+class Probe : public DeviceBase
 {
 public:
-    explicit Session(const QString& udid) : DeviceBase(nullptr, udid) {}
-    ~Session() override
+    explicit Probe(const QString& udid) : DeviceBase(nullptr, udid) {}
+    ~Probe() override
     {
         if (mAfcClient)
             afc_client_free(mAfcClient);
@@ -84,12 +84,6 @@ class TestDeviceSession : public QObject
 {
     Q_OBJECT
 private slots:
-    void init()
-    {
-        if (!DeviceSim::available())
-            QSKIP("kavrel-devsim is not built");
-    }
-
     void openSession_data()
     {
         QTest::addColumn<int>("devices");
@@ -116,11 +110,11 @@ private slots:
         QList<DeviceProfile> profiles;
         for (int i = 1; i <= devices; ++i)
             profiles << DeviceProfile(testUdid(i));
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start(profiles));
 
         LogCapture log;
-        Session session(udid);
+        Probe session(udid);
         QCOMPARE(session.isInited(), opens);
         QCOMPARE(session.hasLockdown(), opens);
         if (opens) {
@@ -152,7 +146,7 @@ private slots:
             profiles << DeviceProfile(testUdid(i));
             udids << testUdid(i);
         }
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start(profiles));
 
         QStringList listed = DeviceHelper::getUdids();
@@ -172,13 +166,13 @@ private slots:
     void noUsbmuxd()
     {
         {
-            DeviceSim sim;
+            DevSim sim;
             QVERIFY(sim.start({DeviceProfile(testUdid(1))}));
         }
         // The socket is gone now: no device, and no session.
         QVERIFY(DeviceHelper::getUdids().isEmpty());
         QCOMPARE(DeviceHelper::getFirstUdid(), QString());
-        Session session{QString()};
+        Probe session{QString()};
         QVERIFY(!session.isInited());
     }
 
@@ -201,9 +195,9 @@ private slots:
         profile.textFile(QStringLiteral("notes/hello.txt"), QStringLiteral("hello, device\n"))
             .textFile(QStringLiteral("notes/large.txt"), QString(200000, QLatin1Char('x')))
             .sizedFile(QStringLiteral("notes/empty.txt"), 0);
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start({profile}));
-        Session session(testUdid(1));
+        Probe session(testUdid(1));
         QVERIFY(session.afc());
 
         char* buffer = nullptr;
@@ -245,9 +239,9 @@ private slots:
             .sizedFile(QStringLiteral("tree/sub/b.bin"), 50)
             .folder(QStringLiteral("tree/sub/none"))
             .symlink(QStringLiteral("tree/link"), QStringLiteral("a.bin"));
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start({profile}));
-        Session session(testUdid(1));
+        Probe session(testUdid(1));
         QVERIFY(session.afc());
 
         LogCapture log;
@@ -280,7 +274,7 @@ private slots:
     void hotPlug()
     {
         QFETCH(bool, startThread);
-        DeviceSim sim;
+        DevSim sim;
         QVERIFY(sim.start());
         LogCapture log;
         DeviceListener listener;

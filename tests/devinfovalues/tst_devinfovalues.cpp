@@ -1,8 +1,8 @@
 // DeviceInfo's single-value reads in each mode, the disk-usage summary read twice on
 // one session, and the table of known lockdown domains.
 
+#include "DevSim.h"
 #include "DeviceInfo.h"
-#include "DeviceProfiles.h"
 #include "TestSupport.h"
 
 using namespace kavreltest;
@@ -13,8 +13,6 @@ class TestDevInfoValues : public QObject
 private slots:
     void initTestCase()
     {
-        if (!DeviceSim::available())
-            QSKIP("kavrel-devsim is not built");
         DeviceProfile profile(testUdid(1));
         profile.value(QString(), "PasswordProtected", true)
             .value(QString(), "UniqueChipID", 6627738012345678.0)
@@ -128,7 +126,7 @@ private slots:
     }
 
 private:
-    DeviceSim mSim;
+    DevSim mSim;
 };
 
 KAVREL_TEST_MAIN(TestDevInfoValues)

@@ -5,14 +5,9 @@
 #include "DevSim.h"
 #include "TestSupport.h"
 
-#include <libimobiledevice/afc.h>
-#include <libimobiledevice/libimobiledevice.h>
-#include <libimobiledevice/lockdown.h>
-#include <plist/plist.h>
-
-#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QSemaphore>
+#include <QtEndian>
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -24,38 +19,17 @@
 #include <unistd.h>
 #include <vector>
 
-using kavreltest::DevSim;
+using namespace kavreltest;
 
 namespace {
 
-const QString kPhone = "a1b2c3d4e5f60718293a4b5c6d7e8f9012345678";
-
-QByteArray le32(quint32 v)
+template <typename T> QByteArray littleEndian(T v)
 {
-    QByteArray out(4, '\0');
-    for (int i = 0; i < 4; ++i)
-        out[i] = char((v >> (8 * i)) & 0xFF);
-    return out;
+    v = qToLittleEndian(v);
+    return QByteArray(reinterpret_cast<const char*>(&v), sizeof v);
 }
-
-QByteArray le64(quint64 v)
-{
-    QByteArray out(8, '\0');
-    for (int i = 0; i < 8; ++i)
-        out[i] = char((v >> (8 * i)) & 0xFF);
-    return out;
-}
-
-QByteArray plistXml(plist_t dict)
-{
-    char* xml = nullptr;
-    uint32_t length = 0;
-    plist_to_xml(dict, &xml, &length);
-    QByteArray out(xml, int(length));
-    free(xml);
-    plist_free(dict);
-    return out;
-}
+const auto le32 = littleEndian<quint32>;
+const auto le64 = littleEndian<quint64>;
 
 QByteArray muxPacket(const QByteArray& body, quint32 version = 1, quint32 type = 8, quint32 tag = 1)
 {
@@ -70,7 +44,7 @@ QByteArray muxRequest(const char* messageType, quint64 deviceId = 0, int port = 
         plist_dict_set_item(dict, "DeviceID", plist_new_uint(deviceId));
     if (port >= 0)
         plist_dict_set_item(dict, "PortNumber", plist_new_uint(htons(quint16(port))));
-    return muxPacket(plistXml(dict));
+    return muxPacket(plistBytes(dict, false));
 }
 
 // A raw client of the simulator's usbmuxd socket.
@@ -129,8 +103,7 @@ public:
         QByteArray header = read(16);
         if (header.size() < 16)
             return -2;
-        quint32 length = quint32(uchar(header[0])) | quint32(uchar(header[1])) << 8 |
-                         quint32(uchar(header[2])) << 16 | quint32(uchar(header[3])) << 24;
+        const quint32 length = qFromLittleEndian<quint32>(header.constData());
         QByteArray body = read(int(length) - 16);
         plist_t dict = nullptr;
         plist_from_xml(body.constData(), uint32_t(body.size()), &dict);
@@ -154,29 +127,18 @@ public:
     // A lockdown/service message: 32-bit big-endian length and XML.
     bool sendPlistMessage(const QByteArray& body)
     {
-        QByteArray length(4, '\0');
-        quint32 n = quint32(body.size());
-        for (int i = 0; i < 4; ++i)
-            length[i] = char((n >> (8 * (3 - i))) & 0xFF);
-        return send(length + body);
+        const quint32 n = qToBigEndian(quint32(body.size()));
+        return send(QByteArray(reinterpret_cast<const char*>(&n), 4) + body);
     }
     QString lockdownError()
     {
         QByteArray length = read(4);
         if (length.size() < 4)
             return "<closed>";
-        quint32 n = quint32(uchar(length[0])) << 24 | quint32(uchar(length[1])) << 16 |
-                    quint32(uchar(length[2])) << 8 | quint32(uchar(length[3]));
-        QByteArray body = read(int(n));
+        QByteArray body = read(int(qFromBigEndian<quint32>(length.constData())));
         plist_t dict = nullptr;
         plist_from_xml(body.constData(), uint32_t(body.size()), &dict);
-        QString error;
-        if (plist_t node = dict ? plist_dict_get_item(dict, "Error") : nullptr) {
-            char* text = nullptr;
-            plist_get_string_val(node, &text);
-            error = QString::fromUtf8(text);
-            free(text);
-        }
+        const QString error = stringOf(dict, "Error");
         if (dict)
             plist_free(dict);
         return error;
@@ -201,56 +163,25 @@ qint64 afcStatus(RawClient& client)
     QByteArray header = client.read(40);
     if (header.size() < 40 || !header.startsWith("CFA6LPAA"))
         return -1;
-    auto u64 = [&header](int at) {
-        quint64 v = 0;
-        for (int i = 7; i >= 0; --i)
-            v = (v << 8) | uchar(header[at + i]);
-        return v;
+    auto u64 = [](const QByteArray& bytes, int at) {
+        return qFromLittleEndian<quint64>(bytes.constData() + at);
     };
-    QByteArray data = client.read(int(u64(8) - 40));
-    if (u64(32) != 1 || data.size() < 8)
+    QByteArray data = client.read(int(u64(header, 8) - 40));
+    if (u64(header, 32) != 1 || data.size() < 8)
         return -1;
-    quint64 code = 0;
-    for (int i = 7; i >= 0; --i)
-        code = (code << 8) | uchar(data[i]);
-    return qint64(code);
+    return qint64(u64(data, 0));
 }
 
-quint32 deviceIdOf(const QString& socketPath, const QString& udid)
+// The usbmuxd device id of a device, as libimobiledevice learns it.
+quint32 deviceIdOf(const QString& udid)
 {
-    RawClient client(socketPath);
-    plist_t answer = nullptr;
-    client.send(muxRequest("ListDevices"));
-    client.muxResult(&answer);
-    quint32 id = 0;
-    plist_t list = answer ? plist_dict_get_item(answer, "DeviceList") : nullptr;
-    for (uint32_t i = 0; list && i < plist_array_get_size(list); ++i) {
-        plist_t props = plist_dict_get_item(plist_array_get_item(list, i), "Properties");
-        char* serial = nullptr;
-        plist_get_string_val(plist_dict_get_item(props, "SerialNumber"), &serial);
-        if (serial && udid == serial) {
-            uint64_t v = 0;
-            plist_get_uint_val(plist_dict_get_item(props, "DeviceID"), &v);
-            id = quint32(v);
-        }
-        free(serial);
+    idevice_t device = nullptr;
+    uint32_t id = 0;
+    if (idevice_new(&device, udid.toLatin1().constData()) == IDEVICE_E_SUCCESS) {
+        idevice_get_handle(device, &id);
+        idevice_free(device);
     }
-    if (answer)
-        plist_free(answer);
     return id;
-}
-
-bool deviceStillListed()
-{
-    char** list = nullptr;
-    int count = 0;
-    bool found = false;
-    if (idevice_get_device_list(&list, &count) == IDEVICE_E_SUCCESS) {
-        for (int i = 0; i < count; ++i)
-            found = found || kPhone == list[i];
-        idevice_device_list_free(list);
-    }
-    return found;
 }
 
 } // namespace
@@ -263,7 +194,6 @@ private slots:
     void cleanup();
     void malformedUsbmuxInput_data();
     void malformedUsbmuxInput();
-    void connectionUsableAfterBadRequest();
     void malformedLockdownInput_data();
     void malformedLockdownInput();
     void malformedAfcInput_data();
@@ -280,7 +210,7 @@ void TestDevsimRobust::initTestCase()
 {
     QString error;
     QVERIFY2(mSim.start({"iphone"}, &error), qPrintable(error));
-    mPhoneId = deviceIdOf(mSim.socketPath(), kPhone);
+    mPhoneId = deviceIdOf(kPhone);
     QVERIFY(mPhoneId != 0);
 }
 
@@ -288,7 +218,7 @@ void TestDevsimRobust::cleanup()
 {
     // Whatever a test sent, the simulator still runs and still serves.
     QVERIFY2(mSim.isRunning(), qPrintable(mSim.log()));
-    QVERIFY(deviceStillListed());
+    QVERIFY(Session(kPhone).ok());
     QVERIFY2(!mSim.log().contains("Sanitizer"), qPrintable(mSim.log()));
 }
 
@@ -314,14 +244,15 @@ void TestDevsimRobust::malformedUsbmuxInput_data()
         << muxPacket("<plist><dict><key>MessageType") << qint64(1) << false;
     QTest::newRow("binary garbage")
         << muxPacket(QByteArray("bplist00\xff\xff\xff", 11)) << qint64(1) << false;
-    QTest::newRow("no MessageType") << muxPacket(plistXml(noType)) << qint64(1) << false;
+    QTest::newRow("no MessageType") << muxPacket(plistBytes(noType, false)) << qint64(1) << false;
     QTest::newRow("unknown command") << muxRequest("Explode") << qint64(1) << false;
     QTest::newRow("binary protocol") << muxPacket(QByteArray(8, '\0'), 0, 3) << qint64(1) << false;
     QTest::newRow("unknown version") << muxPacket(QByteArray(), 7, 8) << qint64(6) << false;
     QTest::newRow("connect, unknown device")
         << muxRequest("Connect", 999, 62078) << qint64(2) << false;
     QTest::newRow("connect, closed port") << muxRequest("Connect", 1, 50000) << qint64(3) << false;
-    QTest::newRow("connect without port") << muxPacket(plistXml(noPort)) << qint64(1) << false;
+    QTest::newRow("connect without port")
+        << muxPacket(plistBytes(noPort, false)) << qint64(1) << false;
     QTest::newRow("missing pair record") << muxRequest("ReadPairRecord") << qint64(22) << false;
 }
 
@@ -352,18 +283,6 @@ void TestDevsimRobust::malformedUsbmuxInput()
     }
 }
 
-void TestDevsimRobust::connectionUsableAfterBadRequest()
-{
-    RawClient client(mSim.socketPath());
-    QVERIFY(client.send(muxRequest("Explode")));
-    QCOMPARE(client.muxResult(), qint64(1));
-    QVERIFY(client.connectTo(mPhoneId, 62078));
-    plist_t query = plist_new_dict();
-    plist_dict_set_item(query, "Request", plist_new_string("QueryType"));
-    QVERIFY(client.sendPlistMessage(plistXml(query)));
-    QCOMPARE(client.lockdownError(), QString()); // an answer without an Error
-}
-
 void TestDevsimRobust::malformedLockdownInput_data()
 {
     QTest::addColumn<QByteArray>("message"); // sent with the 4-byte length unless raw
@@ -375,7 +294,7 @@ void TestDevsimRobust::malformedLockdownInput_data()
         plist_dict_set_item(dict, "Request", plist_new_string(name));
         if (service)
             plist_dict_set_item(dict, "Service", plist_new_string(service));
-        return plistXml(dict);
+        return plistBytes(dict, false);
     };
     QTest::newRow("huge length") << QByteArray("\xff\xff\xff\xff", 4) << true << "<closed>";
     QTest::newRow("truncated message") << QByteArray("\0\0\x10\0<plist>", 11) << true << "<closed>";
@@ -432,20 +351,10 @@ void TestDevsimRobust::malformedAfcInput()
 {
     QFETCH(QByteArray, bytes);
     QFETCH(qint64, status);
-    quint16 port = 0;
-    {
-        idevice_t device = nullptr;
-        lockdownd_client_t lockdown = nullptr;
-        QCOMPARE(idevice_new(&device, kPhone.toLatin1().constData()), IDEVICE_E_SUCCESS);
-        QCOMPARE(lockdownd_client_new_with_handshake(device, &lockdown, "robust"),
-                 LOCKDOWN_E_SUCCESS);
-        lockdownd_service_descriptor_t service = nullptr;
-        QCOMPARE(lockdownd_start_service(lockdown, "com.apple.afc", &service), LOCKDOWN_E_SUCCESS);
-        port = service->port;
-        lockdownd_service_descriptor_free(service);
-        lockdownd_client_free(lockdown);
-        idevice_free(device);
-    }
+    lockdownd_service_descriptor_t service = Session(kPhone).start("com.apple.afc");
+    QVERIFY(service);
+    const quint16 port = service->port;
+    lockdownd_service_descriptor_free(service);
     RawClient client(mSim.socketPath());
     QVERIFY(client.connectTo(mPhoneId, port));
     QVERIFY(client.send(bytes));
@@ -482,6 +391,7 @@ void TestDevsimRobust::randomBytesNeverCrash()
 
 void TestDevsimRobust::eightClientsAtOnce()
 {
+    const auto clientFile = [](int i) { return "/Downloads/client" + QString::number(i) + ".bin"; };
     constexpr int kClients = 8;
     QSemaphore opened;
     QSemaphore proceed;
@@ -489,45 +399,18 @@ void TestDevsimRobust::eightClientsAtOnce()
     std::vector<std::thread> threads;
     for (int i = 0; i < kClients; ++i) {
         threads.emplace_back([&, i] {
-            idevice_t device = nullptr;
-            lockdownd_client_t lockdown = nullptr;
-            afc_client_t afc = nullptr;
-            lockdownd_service_descriptor_t service = nullptr;
-            bool ok = idevice_new(&device, kPhone.toLatin1().constData()) == IDEVICE_E_SUCCESS &&
-                      lockdownd_client_new_with_handshake(device, &lockdown, "eight") ==
-                          LOCKDOWN_E_SUCCESS &&
-                      lockdownd_start_service(lockdown, "com.apple.afc", &service) ==
-                          LOCKDOWN_E_SUCCESS &&
-                      afc_client_new(device, service, &afc) == AFC_E_SUCCESS;
+            Session session(kPhone);
+            Afc afc(session.afc());
             opened.release();
             // Every client holds its sessions open until all eight are in: a simulator
             // serving one client at a time never gets there.
-            if (!proceed.tryAcquire(1, 60000))
-                ok = false;
-            const QByteArray name = "/Downloads/client" + QByteArray::number(i) + ".bin";
-            QByteArray bytes(256 * 1024 + i, char('a' + i));
-            uint64_t handle = 0;
-            uint32_t done = 0;
-            ok = ok &&
-                 afc_file_open(afc, name.constData(), AFC_FOPEN_WRONLY, &handle) == AFC_E_SUCCESS &&
-                 afc_file_write(afc, handle, bytes.constData(), uint32_t(bytes.size()), &done) ==
-                     AFC_E_SUCCESS &&
-                 afc_file_close(afc, handle) == AFC_E_SUCCESS;
+            const bool ok = proceed.tryAcquire(1, 60000) && afc &&
+                            writeAfcFile(afc.get(), clientFile(i), QByteArray(256 * 1024 + i, 'a'));
             plist_t value = nullptr;
-            ok = ok &&
-                 lockdownd_get_value(lockdown, nullptr, "DeviceName", &value) == LOCKDOWN_E_SUCCESS;
-            if (value)
-                plist_free(value);
-            if (!ok)
+            if (!ok || lockdownd_get_value(session.lockdown, nullptr, "DeviceName", &value) !=
+                           LOCKDOWN_E_SUCCESS)
                 ++failures;
-            if (afc)
-                afc_client_free(afc);
-            if (service)
-                lockdownd_service_descriptor_free(service);
-            if (lockdown)
-                lockdownd_client_free(lockdown);
-            if (device)
-                idevice_free(device);
+            plist_free(value);
         });
     }
     const bool allOpened = opened.tryAcquire(kClients, 60000);
@@ -537,10 +420,7 @@ void TestDevsimRobust::eightClientsAtOnce()
     QVERIFY(allOpened);
     QCOMPARE(failures.load(), 0);
     for (int i = 0; i < kClients; ++i)
-        QCOMPARE(
-            QFileInfo(mSim.mediaDir(kPhone) + "/Downloads/client" + QString::number(i) + ".bin")
-                .size(),
-            qint64(256 * 1024 + i));
+        QCOMPARE(QFileInfo(mSim.mediaDir(kPhone) + clientFile(i)).size(), qint64(256 * 1024 + i));
 }
 
 KAVREL_TEST_MAIN(TestDevsimRobust)

@@ -1,5 +1,7 @@
 #include "DevSim.h"
+#include "TestSupport.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -8,6 +10,7 @@
 #include <QtGlobal>
 
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
@@ -16,24 +19,133 @@
 
 namespace kavreltest {
 
-namespace {
-
-QString devsimBinary()
+QString testUdid(int n)
 {
-#ifdef KAVREL_DEVSIM
-    return QStringLiteral(KAVREL_DEVSIM);
-#else
-    return QString();
-#endif
+    return QString::fromLatin1(
+        QCryptographicHash::hash(QByteArray::number(n), QCryptographicHash::Sha1).toHex());
 }
 
-} // namespace
-
-DevSim::DevSim() = default;
-
-DevSim::~DevSim()
+DeviceProfile::DeviceProfile(const QString& udid, const QString& name) : mUdid(udid)
 {
-    stop();
+    // The identity keys come first and the product keys after them, so the global
+    // domain never ends with one of the keys the report leaves out.
+    QJsonObject global;
+    global[QStringLiteral("UniqueDeviceID")] = udid;
+    global[QStringLiteral("DevicePublicKey")] = QStringLiteral("placeholder");
+    global[QStringLiteral("DeviceName")] = name.isEmpty() ? QStringLiteral("Test iPhone") : name;
+    global[QStringLiteral("DeviceClass")] = QStringLiteral("iPhone");
+    global[QStringLiteral("ProductType")] = QStringLiteral("iPhone12,1");
+    global[QStringLiteral("ModelNumber")] = QStringLiteral("MWLT2");
+    global[QStringLiteral("SerialNumber")] = QStringLiteral("F2LZK0ABN72J");
+    global[QStringLiteral("BuildVersion")] = QStringLiteral("18D52");
+    global[QStringLiteral("ProductVersion")] = QStringLiteral("14.4");
+    mLockdown[QStringLiteral("global")] = global;
+
+    QJsonObject disk;
+    disk[QStringLiteral("TotalDiskCapacity")] = 64000000000.0;
+    disk[QStringLiteral("AmountDataAvailable")] = 31000000000.0;
+    mLockdown[QStringLiteral("com.apple.disk_usage")] = disk;
+    QJsonObject battery;
+    battery[QStringLiteral("BatteryCurrentCapacity")] = 87;
+    battery[QStringLiteral("BatteryIsCharging")] = false;
+    mLockdown[QStringLiteral("com.apple.mobile.battery")] = battery;
+
+    mTotals[QStringLiteral("totalApplicationBytes")] = 1500000000.0;
+    mTotals[QStringLiteral("totalAudioBytes")] = 1000;
+    mTotals[QStringLiteral("totalBookBytes")] = 2000;
+    mTotals[QStringLiteral("totalMovieBytes")] = 3000;
+    mTotals[QStringLiteral("totalMusicBytes")] = 4000;
+    mTotals[QStringLiteral("totalPhotoBytes")] = 5000;
+    mTotals[QStringLiteral("totalRingtoneBytes")] = 6000;
+    mTotals[QStringLiteral("totalVideoBytes")] = 7000;
+}
+
+DeviceProfile& DeviceProfile::jailbroken(bool on)
+{
+    mJailbroken = on;
+    return *this;
+}
+
+static QString domainName(const QString& domain)
+{
+    return domain.isEmpty() ? QStringLiteral("global") : domain;
+}
+
+DeviceProfile& DeviceProfile::value(const QString& domain, const QString& key,
+                                    const QJsonValue& value)
+{
+    QJsonObject values = mLockdown.value(domainName(domain)).toObject();
+    values[key] = value;
+    mLockdown[domainName(domain)] = values;
+    return *this;
+}
+
+DeviceProfile& DeviceProfile::diskTotals(const QJsonObject& totals)
+{
+    mTotals = totals;
+    return *this;
+}
+
+DeviceProfile& DeviceProfile::textFile(const QString& path, const QString& text)
+{
+    mMedia.append(QJsonObject{{QStringLiteral("path"), path}, {QStringLiteral("text"), text}});
+    return *this;
+}
+
+DeviceProfile& DeviceProfile::sizedFile(const QString& path, qint64 size)
+{
+    mMedia.append(QJsonObject{{QStringLiteral("path"), path},
+                              {QStringLiteral("size"), static_cast<double>(size)}});
+    return *this;
+}
+
+DeviceProfile& DeviceProfile::folder(const QString& path)
+{
+    mMedia.append(QJsonObject{{QStringLiteral("path"), path}, {QStringLiteral("directory"), true}});
+    return *this;
+}
+
+DeviceProfile& DeviceProfile::symlink(const QString& path, const QString& target)
+{
+    mMedia.append(QJsonObject{{QStringLiteral("path"), path}, {QStringLiteral("symlink"), target}});
+    return *this;
+}
+
+DeviceProfile& DeviceProfile::failService(const QString& service)
+{
+    QJsonArray failing = mFaults.value(QStringLiteral("failServices")).toArray();
+    failing.append(service);
+    mFaults[QStringLiteral("failServices")] = failing;
+    return *this;
+}
+
+DeviceProfile& DeviceProfile::faults(const QJsonObject& faults)
+{
+    for (auto it = faults.begin(); it != faults.end(); ++it)
+        mFaults[it.key()] = it.value();
+    return *this;
+}
+
+DeviceProfile& DeviceProfile::apps(const QJsonArray& apps)
+{
+    mApps = apps;
+    return *this;
+}
+
+QJsonObject DeviceProfile::json() const
+{
+    QJsonObject profile{{QStringLiteral("udid"), mUdid},
+                        {QStringLiteral("jailbroken"), mJailbroken},
+                        {QStringLiteral("lockdown"), mLockdown}};
+    if (!mTotals.isEmpty())
+        profile[QStringLiteral("diskTotals")] = mTotals;
+    if (!mMedia.isEmpty())
+        profile[QStringLiteral("media")] = mMedia;
+    if (!mFaults.isEmpty())
+        profile[QStringLiteral("faults")] = mFaults;
+    if (!mApps.isEmpty())
+        profile[QStringLiteral("apps")] = mApps;
+    return profile;
 }
 
 bool DevSim::start(const QStringList& profiles, QString* error, const QStringList& extraArguments)
@@ -45,9 +157,6 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
     };
     if (isRunning())
         return fail("already running");
-    const QString binary = devsimBinary();
-    if (binary.isEmpty())
-        return fail("kavrel-devsim is not built (KAVREL_DEVSIM undefined)");
     if (!mDir.isValid())
         return fail("no temporary folder");
     mSocketPath = mDir.filePath("usbmuxd.sock");
@@ -58,7 +167,7 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
                           "--exit-with-parent"};
     arguments += extraArguments;
     arguments += profiles;
-    mProcess.setProgram(binary);
+    mProcess.setProgram(QStringLiteral(KAVREL_DEVSIM));
     mProcess.setArguments(arguments);
     mProcess.setProcessChannelMode(QProcess::SeparateChannels);
     // Standard error goes to a file: it is read at any time, with no event loop running.
@@ -96,6 +205,17 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
     return true;
 }
 
+bool DevSim::start(const QList<DeviceProfile>& profiles)
+{
+    QStringList paths;
+    for (const DeviceProfile& profile : profiles)
+        paths << writeProfile(profile.json());
+    QString error;
+    if (!start(paths, &error))
+        qWarning("kavrel-devsim did not start: %s", qPrintable(error));
+    return isRunning();
+}
+
 void DevSim::stop()
 {
     if (mProcess.state() != QProcess::NotRunning) {
@@ -114,17 +234,13 @@ void DevSim::stop()
     }
 }
 
-bool DevSim::isRunning() const
-{
-    return mProcess.state() == QProcess::Running;
-}
-
 QStringList DevSim::control(const QString& command, bool* ok) const
 {
     if (ok)
         *ok = false;
     // A plain UNIX socket: the test support library links no Qt network module.
-    const QByteArray path = QFile::encodeName(controlPath());
+    const QString controlPath = mSocketPath + ".ctl";
+    const QByteArray path = QFile::encodeName(controlPath);
     sockaddr_un addr{};
     if (path.size() >= int(sizeof(addr.sun_path)))
         return {"ERROR control path too long"};
@@ -134,12 +250,12 @@ QStringList DevSim::control(const QString& command, bool* ok) const
     if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
         if (fd >= 0)
             ::close(fd);
-        return {"ERROR cannot connect to " + controlPath()};
+        return {"ERROR cannot connect to " + controlPath};
     }
     const QByteArray request = command.toUtf8() + "\n";
     if (::send(fd, request.constData(), size_t(request.size()), MSG_NOSIGNAL) != request.size()) {
         ::close(fd);
-        return {"ERROR cannot send to " + controlPath()};
+        return {"ERROR cannot send to " + controlPath};
     }
     QByteArray reply;
     QElapsedTimer timer;
@@ -169,12 +285,9 @@ QStringList DevSim::control(const QString& command, bool* ok) const
 
 bool DevSim::attach(const QString& profile, QString* udid, QString* error)
 {
-    QString path = profile;
-    if (!QFileInfo::exists(path) && !profile.contains('/'))
-        path = shippedProfile(profile);
     bool ok = false;
-    QStringList lines = control("attach " + QFileInfo(path).absoluteFilePath(), &ok);
-    const QString last = lines.isEmpty() ? QString() : lines.last();
+    const QStringList lines = control("attach " + QFileInfo(profile).absoluteFilePath(), &ok);
+    const QString last = lines.value(lines.size() - 1);
     if (ok && udid)
         *udid = last.mid(3).trimmed();
     if (!ok && error)
@@ -182,12 +295,16 @@ bool DevSim::attach(const QString& profile, QString* udid, QString* error)
     return ok;
 }
 
-bool DevSim::detach(const QString& udid, QString* error)
+bool DevSim::attach(const DeviceProfile& profile)
+{
+    QString udid;
+    return attach(writeProfile(profile.json()), &udid) && udid == profile.udid();
+}
+
+bool DevSim::detach(const QString& udid)
 {
     bool ok = false;
-    QStringList lines = control("detach " + udid, &ok);
-    if (!ok && error)
-        *error = lines.isEmpty() ? QString() : lines.last();
+    control("detach " + udid, &ok);
     return ok;
 }
 
@@ -196,11 +313,8 @@ QStringList DevSim::attachedUdids() const
     bool ok = false;
     QStringList lines = control("list", &ok);
     QStringList udids;
-    if (!ok)
-        return udids;
-    lines.removeLast();
-    for (const QString& line : lines)
-        udids << line.section(' ', 0, 0);
+    for (int i = 0; ok && i + 1 < lines.size(); ++i)
+        udids << lines[i].section(' ', 0, 0);
     return udids;
 }
 
@@ -211,82 +325,146 @@ QString DevSim::mediaDir(const QString& udid) const
     return ok ? lines.last().mid(3).trimmed() : QString();
 }
 
-QString DevSim::rootDir(const QString& udid) const
-{
-    bool ok = false;
-    QStringList lines = control("root " + udid, &ok);
-    return ok ? lines.last().mid(3).trimmed() : QString();
-}
-
 QString DevSim::log() const
 {
-    QFile file(logPath());
-    return file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll()) : QString();
-}
-
-QString DevSim::shippedProfile(const QString& name)
-{
-    static QString dir;
-    if (dir.isEmpty()) {
-        QProcess probe;
-        probe.start(devsimBinary(), {"--print-profile-dir"});
-        probe.waitForFinished(10000);
-        dir = QString::fromLocal8Bit(probe.readAllStandardOutput()).trimmed();
-    }
-    return dir + "/" + (name.endsWith(".json") ? name : name + ".json");
-}
-
-QJsonObject DevSim::loadProfile(const QString& nameOrPath)
-{
-    QString path = QFileInfo::exists(nameOrPath) ? nameOrPath : shippedProfile(nameOrPath);
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QJsonDocument::fromJson(file.readAll()).object();
-}
-
-bool DevSim::writeProfile(const QString& path, const QJsonObject& profile)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return false;
-    return file.write(QJsonDocument(profile).toJson()) > 0;
-}
-
-bool DevSim::writeProfile(const QString& path, const QVariantMap& profile)
-{
-    return writeProfile(path, QJsonObject::fromVariantMap(profile));
+    return QString::fromLocal8Bit(readFile(logPath()));
 }
 
 QString DevSim::writeProfile(const QJsonObject& profile) const
 {
-    QString udid = profile.value("udid").toString();
-    QString path =
-        mDir.filePath("profiles/" + (udid.isEmpty() ? QString("profile") : udid) + ".json");
-    return writeProfile(path, profile) ? path : QString();
+    const QString path = mDir.filePath("profiles/" + profile.value("udid").toString() + ".json");
+    return writeFile(path, QJsonDocument(profile).toJson()) ? path : QString();
 }
 
-QJsonObject DevSim::minimalProfile(const QString& udid, const QString& deviceName)
+Session::Session(const QString& udid)
 {
-    QJsonObject global{{"DeviceName", deviceName},
-                       {"ProductType", "iPhone10,4"},
-                       {"ProductVersion", "14.4"},
-                       {"BuildVersion", "18D52"},
-                       {"SerialNumber", "SIM" + udid.left(9).toUpper()},
-                       {"DeviceClass", "iPhone"}};
-    QJsonObject disk{{"TotalDataCapacity", 31708938240.0},
-                     {"TotalDataAvailable", 20000000000.0},
-                     {"TotalDiskCapacity", 32000000000.0}};
-    QJsonObject battery{{"BatteryCurrentCapacity", 50}, {"BatteryIsCharging", false}};
-    QJsonObject lockdown{
-        {"global", global}, {"com.apple.disk_usage", disk}, {"com.apple.mobile.battery", battery}};
-    return QJsonObject{{"udid", udid}, {"lockdown", lockdown}};
+    if (idevice_new(&device, udid.toLatin1().constData()) == IDEVICE_E_SUCCESS)
+        error = lockdownd_client_new_with_handshake(device, &lockdown, "kavrel-test");
 }
 
-QString DevSim::makeUdid(int seed)
+Session::~Session()
 {
-    return QString("%1").arg(quint32(seed), 8, 16, QChar('0')) + QString(32, QChar('d'));
+    if (lockdown)
+        lockdownd_client_free(lockdown);
+    if (device)
+        idevice_free(device);
+}
+
+lockdownd_service_descriptor_t Session::start(const char* service)
+{
+    lockdownd_service_descriptor_t descriptor = nullptr;
+    if (!lockdown || lockdownd_start_service(lockdown, service, &descriptor) != LOCKDOWN_E_SUCCESS)
+        return nullptr;
+    return descriptor;
+}
+
+afc_client_t Session::afc(const char* service)
+{
+    lockdownd_service_descriptor_t descriptor = start(service);
+    afc_client_t client = nullptr;
+    if (descriptor)
+        afc_client_new(device, descriptor, &client);
+    lockdownd_service_descriptor_free(descriptor);
+    return client;
+}
+
+QStringList readDirectory(afc_client_t afc, const QString& path, afc_error_t* error)
+{
+    char** list = nullptr;
+    const afc_error_t rc = afc_read_directory(afc, path.toUtf8().constData(), &list);
+    if (error)
+        *error = rc;
+    QStringList out;
+    for (int i = 0; list && list[i]; ++i)
+        out << QString::fromUtf8(list[i]);
+    if (list)
+        afc_dictionary_free(list);
+    out.removeAll(".");
+    out.removeAll("..");
+    out.sort();
+    return out;
+}
+
+QByteArray readAfcFile(afc_client_t afc, const QString& path, uint32_t chunk)
+{
+    uint64_t handle = 0;
+    if (afc_file_open(afc, path.toUtf8().constData(), AFC_FOPEN_RDONLY, &handle) != AFC_E_SUCCESS)
+        return {};
+    QByteArray out;
+    QByteArray buffer(int(chunk), '\0');
+    uint32_t got = 0;
+    while (afc_file_read(afc, handle, buffer.data(), chunk, &got) == AFC_E_SUCCESS && got > 0)
+        out.append(buffer.constData(), int(got));
+    afc_file_close(afc, handle);
+    return out;
+}
+
+bool writeAfcFile(afc_client_t afc, const QString& path, const QByteArray& bytes, int chunk)
+{
+    uint64_t handle = 0;
+    if (afc_file_open(afc, path.toUtf8().constData(), AFC_FOPEN_WRONLY, &handle) != AFC_E_SUCCESS)
+        return false;
+    bool ok = true;
+    for (int pos = 0; ok && pos < bytes.size(); pos += chunk) {
+        const uint32_t n = uint32_t(qMin(chunk, bytes.size() - pos));
+        uint32_t written = 0;
+        ok = afc_file_write(afc, handle, bytes.constData() + pos, n, &written) == AFC_E_SUCCESS &&
+             written == n;
+    }
+    return afc_file_close(afc, handle) == AFC_E_SUCCESS && ok;
+}
+
+QMap<QString, QString> afcFileInfo(afc_client_t afc, const QString& path, afc_error_t* error)
+{
+    char** info = nullptr;
+    *error = afc_get_file_info(afc, path.toUtf8().constData(), &info);
+    QMap<QString, QString> out;
+    for (int i = 0; info && info[i] && info[i + 1]; i += 2)
+        out[info[i]] = info[i + 1];
+    if (info)
+        afc_dictionary_free(info);
+    return out;
+}
+
+QString stringOf(plist_t dict, const char* key)
+{
+    plist_t node = dict ? plist_dict_get_item(dict, key) : nullptr;
+    char* text = nullptr;
+    if (node && plist_get_node_type(node) == PLIST_STRING)
+        plist_get_string_val(node, &text);
+    const QString out = QString::fromUtf8(text);
+    free(text);
+    return out;
+}
+
+quint64 uintOf(plist_t dict, const char* key, quint64 fallback)
+{
+    plist_t node = dict ? plist_dict_get_item(dict, key) : nullptr;
+    if (!node || plist_get_node_type(node) != PLIST_UINT)
+        return fallback;
+    uint64_t value = 0;
+    plist_get_uint_val(node, &value);
+    return value;
+}
+
+QStringList keysOf(plist_t dict)
+{
+    QStringList keys;
+    if (!dict || plist_get_node_type(dict) != PLIST_DICT)
+        return keys;
+    plist_dict_iter it = nullptr;
+    plist_dict_new_iter(dict, &it);
+    char* key = nullptr;
+    plist_t value = nullptr;
+    for (plist_dict_next_item(dict, it, &key, &value); key;
+         plist_dict_next_item(dict, it, &key, &value)) {
+        keys << QString::fromUtf8(key);
+        free(key);
+        key = nullptr;
+    }
+    free(it);
+    keys.sort();
+    return keys;
 }
 
 } // namespace kavreltest

@@ -1,22 +1,75 @@
 #pragma once
-// Runs kavrel-devsim (the simulated usbmuxd and devices) for a test: starts it on a
-// socket in a temporary folder, waits until it serves, and points libimobiledevice in
-// this process at it through USBMUXD_SOCKET_ADDRESS. Stops it on destruction.
+// kavrel-devsim (the simulated usbmuxd and devices) for a test: the device profiles it
+// reads, the simulator itself, and small libimobiledevice clients that talk to it.
 
+#include <libimobiledevice/afc.h>
+#include <libimobiledevice/libimobiledevice.h>
+#include <libimobiledevice/lockdown.h>
+#include <plist/plist.h>
+
+#include <QJsonArray>
 #include <QJsonObject>
+#include <QList>
+#include <QMap>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
-#include <QVariantMap>
+
+#include <memory>
 
 namespace kavreltest {
 
+// The udids of the shipped profiles "iphone" and "ipad-jailbroken".
+inline const QString kPhone = QStringLiteral("a1b2c3d4e5f60718293a4b5c6d7e8f9012345678");
+inline const QString kPad = QStringLiteral("f0e1d2c3b4a5968778695a4b3c2d1e0f9a8b7c6d");
+
+// A 40-character udid, distinct for each n.
+QString testUdid(int n);
+
+// A device profile, written as the JSON file the simulator reads.
+class DeviceProfile
+{
+public:
+    // An iPhone with the usual global values, the disk-usage and battery domains and a
+    // media library whose totals are all set.
+    explicit DeviceProfile(const QString& udid = QString(), const QString& name = QString());
+
+    QString udid() const { return mUdid; }
+    DeviceProfile& jailbroken(bool on = true);
+    // Sets a value of the global domain ("" domain) or of a named domain.
+    DeviceProfile& value(const QString& domain, const QString& key, const QJsonValue& value);
+    // The media library's totals; an empty object leaves iTunesPrefs.plist out.
+    DeviceProfile& diskTotals(const QJsonObject& totals);
+    // A file in the media folder with the given text, a file of a given size, a folder,
+    // a symbolic link.
+    DeviceProfile& textFile(const QString& path, const QString& text);
+    DeviceProfile& sizedFile(const QString& path, qint64 size);
+    DeviceProfile& folder(const QString& path);
+    DeviceProfile& symlink(const QString& path, const QString& target);
+    // Lockdown refuses to start the service.
+    DeviceProfile& failService(const QString& service);
+    // Faults and apps as the simulator's profile format spells them.
+    DeviceProfile& faults(const QJsonObject& faults);
+    DeviceProfile& apps(const QJsonArray& apps);
+
+    QJsonObject json() const;
+
+private:
+    QString mUdid;
+    bool mJailbroken = false;
+    QJsonObject mLockdown, mTotals, mFaults;
+    QJsonArray mMedia, mApps;
+};
+
+// Starts the simulator on a socket in a temporary folder, waits until it serves, and
+// points libimobiledevice in this process at it through USBMUXD_SOCKET_ADDRESS. Stops
+// it on destruction.
 class DevSim
 {
 public:
-    DevSim();
-    ~DevSim();
+    DevSim() = default;
+    ~DevSim() { stop(); }
     DevSim(const DevSim&) = delete;
     DevSim& operator=(const DevSim&) = delete;
 
@@ -24,12 +77,13 @@ public:
     // "ipad-jailbroken"). extraArguments go to the simulator (e.g. "--state", DIR).
     bool start(const QStringList& profiles = {}, QString* error = nullptr,
                const QStringList& extraArguments = {});
-    // Ends the simulator (every connection to it is cut) and restores the environment.
+    bool start(const QList<DeviceProfile>& profiles);
+    // Ends the simulator (every connection to it is cut) and restores the environment,
+    // so code run afterwards finds no usbmuxd.
     void stop();
-    bool isRunning() const;
+    bool isRunning() const { return mProcess.state() == QProcess::Running; }
 
     QString socketPath() const { return mSocketPath; }
-    QString controlPath() const { return mSocketPath + ".ctl"; }
     // A folder that lives as long as this object (profiles, scratch files).
     QString tempDir() const { return mDir.path(); }
     // The udids attached at start, in profile order.
@@ -37,32 +91,23 @@ public:
 
     // Hot-plug through the control socket.
     bool attach(const QString& profile, QString* udid = nullptr, QString* error = nullptr);
-    bool detach(const QString& udid, QString* error = nullptr);
+    bool attach(const DeviceProfile& profile);
+    bool detach(const QString& udid);
     // The udids attached now.
     QStringList attachedUdids() const;
-    // Host folders behind com.apple.afc and com.apple.afc2 of an attached device.
+    // Host folder behind com.apple.afc of an attached device.
     QString mediaDir(const QString& udid) const;
-    QString rootDir(const QString& udid) const;
-    // Sends one control command; the answer's lines (the last is "OK ..." or "ERROR ...").
-    QStringList control(const QString& command, bool* ok = nullptr) const;
-    // What the simulator wrote to standard error so far (with --verbose: its traffic).
+    // What the simulator wrote to standard error so far.
     QString log() const;
-    QString logPath() const { return mDir.filePath("devsim.log"); }
 
-    // Path of a shipped profile ("iphone" -> .../tools/devsim/profiles/iphone.json).
-    static QString shippedProfile(const QString& name);
-    static QJsonObject loadProfile(const QString& nameOrPath);
-    static bool writeProfile(const QString& path, const QJsonObject& profile);
-    static bool writeProfile(const QString& path, const QVariantMap& profile);
-    // Writes the profile into tempDir() as <udid>.json and returns the path.
+    // Writes the profile into tempDir() as profiles/<udid>.json and returns the path.
     QString writeProfile(const QJsonObject& profile) const;
-    // A small device: udid, name, the three lockdown domains and no apps.
-    static QJsonObject minimalProfile(const QString& udid,
-                                      const QString& deviceName = "Test Device");
-    // A 40-character udid derived from a seed, so tests can make distinct devices.
-    static QString makeUdid(int seed);
 
 private:
+    // Sends one control command; the answer's lines (the last is "OK ..." or "ERROR ...").
+    QStringList control(const QString& command, bool* ok) const;
+    QString logPath() const { return mDir.filePath("devsim.log"); }
+
     QTemporaryDir mDir;
     QProcess mProcess;
     QString mSocketPath;
@@ -71,5 +116,47 @@ private:
     bool mHadPreviousAddress = false;
     bool mEnvironmentSet = false;
 };
+
+// A device handle with a completed lockdown handshake (TLS session).
+class Session
+{
+public:
+    explicit Session(const QString& udid);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    bool ok() const { return lockdown != nullptr; }
+    // Starts a service; null on failure. The caller frees the descriptor.
+    lockdownd_service_descriptor_t start(const char* service);
+    // An AFC client on the service; null on failure. The caller frees it.
+    afc_client_t afc(const char* service = "com.apple.afc");
+
+    idevice_t device = nullptr;
+    lockdownd_client_t lockdown = nullptr;
+    lockdownd_error_t error = LOCKDOWN_E_UNKNOWN_ERROR;
+};
+
+struct AfcFree
+{
+    void operator()(afc_client_private* client) const { afc_client_free(client); }
+};
+using Afc = std::unique_ptr<afc_client_private, AfcFree>;
+
+// The names in a folder without "." and "..", sorted.
+QStringList readDirectory(afc_client_t afc, const QString& path, afc_error_t* error = nullptr);
+// A whole file read in pieces of chunk bytes; empty when it cannot be opened.
+QByteArray readAfcFile(afc_client_t afc, const QString& path, uint32_t chunk = 65536);
+// Writes the bytes in pieces of chunk bytes; false unless every write was taken whole.
+bool writeAfcFile(afc_client_t afc, const QString& path, const QByteArray& bytes,
+                  int chunk = 1 << 20);
+// The file-info pairs of a path.
+QMap<QString, QString> afcFileInfo(afc_client_t afc, const QString& path, afc_error_t* error);
+
+// Values of a property-list dictionary: a string (empty unless one), an unsigned number
+// (fallback unless one), the sorted keys.
+QString stringOf(plist_t dict, const char* key);
+quint64 uintOf(plist_t dict, const char* key, quint64 fallback = ~0ull);
+QStringList keysOf(plist_t dict);
 
 } // namespace kavreltest
