@@ -1,6 +1,6 @@
-// kavrel-devsim under hostile and heavy use: malformed usbmuxd, lockdown and AFC input
-// gets an error answer or a closed connection, never a crash, and eight clients are
-// served at the same time.
+// kavrel-devsim under hostile and heavy use: malformed usbmuxd, lockdown, AFC and app
+// service input gets an error answer or a closed connection, never a crash, and eight
+// clients are served at the same time.
 
 #include "DevSim.h"
 #include "TestSupport.h"
@@ -124,30 +124,40 @@ public:
     {
         return send(muxRequest("Connect", deviceId, port)) && muxResult() == 0;
     }
-    // A lockdown/service message: 32-bit big-endian length and XML.
-    bool sendPlistMessage(const QByteArray& body)
+    bool closed() const { return mClosed; }
+    // One lockdown or service message (32-bit big-endian length, then a property list);
+    // null when none comes.
+    plist_t message(int timeoutMs)
     {
-        const quint32 n = qToBigEndian(quint32(body.size()));
-        return send(QByteArray(reinterpret_cast<const char*>(&n), 4) + body);
-    }
-    QString lockdownError()
-    {
-        QByteArray length = read(4);
+        const QByteArray length = read(4, timeoutMs);
         if (length.size() < 4)
-            return "<closed>";
-        QByteArray body = read(int(qFromBigEndian<quint32>(length.constData())));
+            return nullptr;
+        const QByteArray body = read(int(qFromBigEndian<quint32>(length.constData())));
         plist_t dict = nullptr;
-        plist_from_xml(body.constData(), uint32_t(body.size()), &dict);
-        const QString error = stringOf(dict, "Error");
-        if (dict)
-            plist_free(dict);
-        return error;
+        plist_from_memory(body.constData(), uint32_t(body.size()), &dict);
+        return dict;
     }
 
 private:
     int mFd = -1;
     bool mClosed = false;
 };
+
+// A lockdown or service message around body.
+QByteArray framed(const QByteArray& body)
+{
+    const quint32 n = qToBigEndian(quint32(body.size()));
+    return QByteArray(reinterpret_cast<const char*>(&n), 4) + body;
+}
+
+QByteArray request(const char* key, const char* name, const char* service = nullptr)
+{
+    plist_t dict = plist_new_dict();
+    plist_dict_set_item(dict, key, plist_new_string(name));
+    if (service)
+        plist_dict_set_item(dict, "Service", plist_new_string(service));
+    return framed(plistBytes(dict, false));
+}
 
 QByteArray afcPacket(quint64 op, const QByteArray& data, quint64 packetNumber = 1,
                      qint64 thisLengthOverride = -1)
@@ -194,8 +204,8 @@ private slots:
     void cleanup();
     void malformedUsbmuxInput_data();
     void malformedUsbmuxInput();
-    void malformedLockdownInput_data();
-    void malformedLockdownInput();
+    void malformedPlistInput_data();
+    void malformedPlistInput();
     void malformedAfcInput_data();
     void malformedAfcInput();
     void randomBytesNeverCrash();
@@ -283,52 +293,92 @@ void TestDevsimRobust::malformedUsbmuxInput()
     }
 }
 
-void TestDevsimRobust::malformedLockdownInput_data()
+void TestDevsimRobust::malformedPlistInput_data()
 {
-    QTest::addColumn<QByteArray>("message"); // sent with the 4-byte length unless raw
-    QTest::addColumn<bool>("raw");
-    QTest::addColumn<QString>("expected"); // Error text, or "<closed>"
+    QTest::addColumn<QString>("service"); // "lockdown" or the service started for the test
+    QTest::addColumn<QByteArray>("bytes");
+    // "Key=Value" of the answer, a key that must hold data, "<closed>" when the service
+    // hangs up, "<silent>" when it waits for the rest
+    QTest::addColumn<QString>("expected");
 
-    auto request = [](const char* name, const char* service = nullptr) {
-        plist_t dict = plist_new_dict();
-        plist_dict_set_item(dict, "Request", plist_new_string(name));
-        if (service)
-            plist_dict_set_item(dict, "Service", plist_new_string(service));
-        return plistBytes(dict, false);
-    };
-    QTest::newRow("huge length") << QByteArray("\xff\xff\xff\xff", 4) << true << "<closed>";
-    QTest::newRow("truncated message") << QByteArray("\0\0\x10\0<plist>", 11) << true << "<closed>";
-    QTest::newRow("not a plist") << QByteArray("hello lockdown") << false << "InvalidRequest";
-    QTest::newRow("plist is not a dictionary")
-        << QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><string>x</string></plist>")
-        << false << "InvalidRequest";
-    QTest::newRow("unknown request") << request("SelfDestruct") << false << "InvalidRequest";
-    QTest::newRow("service without session")
-        << request("StartService", "com.apple.afc") << false << "SessionInactive";
-    QTest::newRow("service without name") << request("StartService") << false << "MissingService";
-    QTest::newRow("session without host") << request("StartSession") << false << "MissingHostID";
-    QTest::newRow("stop without session") << request("StopSession") << false << "SessionInactive";
-    QTest::newRow("pair without record") << request("Pair") << false << "InvalidPairRecord";
+    const QByteArray notPlist = framed("this is no property list");
+    const QByteArray array = framed(plistBytes(plist_new_array(), false));
+    const QByteArray truncated = framed(QByteArray(100, 'x')).left(30);
+    const QByteArray huge = QByteArray("\x7f\xff\xff\xff") + "abc";
+    const char* ld = "lockdown";
+    QTest::newRow("lockdown: huge length") << ld << QByteArray("\xff\xff\xff\xff", 4) << "<closed>";
+    QTest::newRow("lockdown: truncated") << ld << truncated << "<silent>";
+    QTest::newRow("lockdown: not a plist") << ld << notPlist << "Error=InvalidRequest";
+    QTest::newRow("lockdown: not a dictionary") << ld << array << "Error=InvalidRequest";
+    QTest::newRow("lockdown: unknown request")
+        << ld << request("Request", "SelfDestruct") << "Error=InvalidRequest";
+    QTest::newRow("lockdown: service without session")
+        << ld << request("Request", "StartService", "com.apple.afc") << "Error=SessionInactive";
+    QTest::newRow("lockdown: service without name")
+        << ld << request("Request", "StartService") << "Error=MissingService";
+    QTest::newRow("lockdown: session without host")
+        << ld << request("Request", "StartSession") << "Error=MissingHostID";
+    QTest::newRow("lockdown: pair without record")
+        << ld << request("Request", "Pair") << "Error=InvalidPairRecord";
+    const char* ip = "com.apple.mobile.installation_proxy";
+    QTest::newRow("instproxy: not a plist") << ip << notPlist << "Error=MissingCommand";
+    QTest::newRow("instproxy: unknown command")
+        << ip << request("Command", "Explode") << "Error=UnknownCommand";
+    QTest::newRow("instproxy: install without path")
+        << ip << request("Command", "Install") << "Error=MissingPackagePath";
+    QTest::newRow("instproxy: uninstall without id")
+        << ip << request("Command", "Uninstall") << "Error=MissingApplicationIdentifier";
+    QTest::newRow("instproxy: truncated") << ip << truncated << "<silent>";
+    QTest::newRow("instproxy: oversized") << ip << huge << "<closed>";
+    const char* ha = "com.apple.mobile.house_arrest";
+    QTest::newRow("house_arrest: not a plist") << ha << notPlist << "Error=MissingCommand";
+    QTest::newRow("house_arrest: no identifier")
+        << ha << request("Command", "VendContainer") << "Error=MissingIdentifier";
+    QTest::newRow("house_arrest: oversized") << ha << huge << "<closed>";
+    const char* sb = "com.apple.springboardservices";
+    QTest::newRow("springboard: unknown command")
+        << sb << request("command", "explode") << "Error=UnknownCommand";
+    QTest::newRow("springboard: icon without id")
+        << sb << request("command", "getIconPNGData") << "pngData";
+    const char* np = "com.apple.mobile.notification_proxy";
+    QTest::newRow("notification_proxy: junk, then shutdown")
+        << np << notPlist + array + request("Command", "Explode") + request("Command", "Shutdown")
+        << "Command=ProxyDeath";
+    QTest::newRow("notification_proxy: oversized") << np << huge << "<closed>";
 }
 
-void TestDevsimRobust::malformedLockdownInput()
+void TestDevsimRobust::malformedPlistInput()
 {
-    QFETCH(QByteArray, message);
-    QFETCH(bool, raw);
+    QFETCH(QString, service);
+    QFETCH(QByteArray, bytes);
     QFETCH(QString, expected);
-    RawClient client(mSim.socketPath());
-    QVERIFY(client.connectTo(mPhoneId, 62078));
-    QVERIFY(raw ? client.send(message) : client.sendPlistMessage(message));
-    if (expected == "<closed>") {
-        if (message.size() > 4) {
-            // Half a message, then we close: nothing to observe but survival.
-            QCOMPARE(client.read(1, 300).size(), 0);
-            return;
-        }
-        QVERIFY(client.closedByPeer());
-    } else {
-        QCOMPARE(client.lockdownError(), expected);
+    quint16 port = 62078;
+    if (service != "lockdown") {
+        lockdownd_service_descriptor_t descriptor = Session(kPhone).start(qPrintable(service));
+        QVERIFY(descriptor);
+        port = descriptor->port;
+        lockdownd_service_descriptor_free(descriptor);
     }
+    RawClient client(mSim.socketPath());
+    QVERIFY(client.connectTo(mPhoneId, port));
+    QVERIFY(client.send(bytes));
+    if (expected == "<closed>") {
+        QVERIFY(client.closedByPeer());
+        return;
+    }
+    plist_t answer = client.message(expected == "<silent>" ? 1000 : 5000);
+    if (expected == "<silent>") {
+        QVERIFY(!answer && !client.closed());
+        return;
+    }
+    QVERIFY(answer);
+    const QByteArray key = expected.section('=', 0, 0).toUtf8();
+    plist_t node = plist_dict_get_item(answer, key.constData());
+    if (expected.contains('='))
+        QCOMPARE(stringOf(answer, key.constData()), expected.section('=', 1));
+    else
+        QVERIFY(node && plist_get_node_type(node) == PLIST_DATA);
+    plist_free(answer);
 }
 
 void TestDevsimRobust::malformedAfcInput_data()

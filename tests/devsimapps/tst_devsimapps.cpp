@@ -2,8 +2,7 @@
 // house_arrest, springboard services) against Debian's unmodified ideviceinstaller and
 // through the libimobiledevice C API: listing and browsing, installing a generated .ipa
 // with its status messages and notifications, upgrading, uninstalling, archiving,
-// containers and icons, injected faults, and malformed requests that must never bring
-// the simulator down.
+// containers and icons, and injected faults.
 
 #include "DevSim.h"
 #include "TestSupport.h"
@@ -13,14 +12,12 @@
 #include <libimobiledevice/installation_proxy.h>
 #include <libimobiledevice/notification_proxy.h>
 #include <libimobiledevice/sbservices.h>
-#include <libimobiledevice/service.h>
 
 #include <QBuffer>
 #include <QElapsedTimer>
 #include <QImage>
 #include <QMutex>
 #include <QWaitCondition>
-#include <QtEndian>
 
 using namespace kavreltest;
 
@@ -307,71 +304,6 @@ bool stage(const QString& path, const QByteArray& bytes)
            writeAfcFile(afc.get(), path, bytes);
 }
 
-// Reads exactly size bytes from a service connection; fewer when it closes or goes quiet.
-QByteArray receiveRaw(service_client_t client, uint32_t size, bool* closed)
-{
-    QByteArray out;
-    while (uint32_t(out.size()) < size) {
-        char buffer[4096];
-        uint32_t got = 0;
-        service_error_t error = service_receive_with_timeout(
-            client, buffer, qMin<uint32_t>(sizeof buffer, size - uint32_t(out.size())), &got, 3000);
-        if (error == SERVICE_E_SUCCESS && got > 0) {
-            out.append(buffer, int(got));
-            continue;
-        }
-        *closed = error != SERVICE_E_TIMEOUT;
-        break;
-    }
-    return out;
-}
-
-// Sends raw bytes to a freshly started service; its first answer (a plist), or null when
-// it closed the connection (closed set) or said nothing within the time.
-plist_t rawExchange(const char* serviceName, const QByteArray& bytes, bool* closed)
-{
-    Session session(kPhone);
-    lockdownd_service_descriptor_t descriptor = session.start(serviceName);
-    *closed = false;
-    if (!descriptor)
-        return nullptr;
-    service_client_t client = nullptr;
-    service_client_new(session.device, descriptor, &client);
-    lockdownd_service_descriptor_free(descriptor);
-    if (!client)
-        return nullptr;
-    uint32_t sent = 0;
-    service_send(client, bytes.constData(), uint32_t(bytes.size()), &sent);
-    plist_t answer = nullptr;
-    const QByteArray header = receiveRaw(client, 4, closed);
-    if (header.size() == 4) {
-        const QByteArray body =
-            receiveRaw(client, qFromBigEndian<quint32>(header.constData()), closed);
-        if (body.startsWith("bplist00"))
-            plist_from_bin(body.constData(), uint32_t(body.size()), &answer);
-        else
-            plist_from_xml(body.constData(), uint32_t(body.size()), &answer);
-    }
-    service_client_free(client);
-    return answer;
-}
-
-QByteArray framed(const QByteArray& body)
-{
-    const quint32 n = qToBigEndian(quint32(body.size()));
-    return QByteArray(reinterpret_cast<const char*>(&n), 4) + body;
-}
-
-QByteArray command(const char* key, const char* name, const char* extraKey = nullptr,
-                   const char* extraValue = nullptr)
-{
-    plist_t dict = plist_new_dict();
-    plist_dict_set_item(dict, key, plist_new_string(name));
-    if (extraKey)
-        plist_dict_set_item(dict, extraKey, plist_new_string(extraValue));
-    return framed(plistBytes(dict, false));
-}
-
 } // namespace
 
 class TestDevsimApps : public QObject
@@ -396,8 +328,6 @@ private slots:
     void installFailures();
     void refusedInstallReportsError();
     void faultsDelayAndSilence();
-    void malformedRequests_data();
-    void malformedRequests();
 
 private:
     QString writeIpa(const Package& package);
@@ -814,70 +744,6 @@ void TestDevsimApps::faultsDelayAndSilence()
         QMutexLocker locker(&log.lock);
         QVERIFY(log.statuses.isEmpty());
     }
-}
-
-void TestDevsimApps::malformedRequests_data()
-{
-    QTest::addColumn<QString>("service");
-    QTest::addColumn<QByteArray>("bytes");
-    // "Key=Value" of the answer, a key that must hold data, "<closed>" when the service
-    // hangs up, "<silent>" when it waits for the rest
-    QTest::addColumn<QString>("expected");
-
-    const QByteArray notPlist = framed("this is no property list");
-    const QByteArray array = framed(plistBytes(plist_new_array(), false));
-    const QByteArray truncated = framed(QByteArray(100, 'x')).left(30);
-    const QByteArray huge = QByteArray("\x7f\xff\xff\xff") + "abc";
-    const char* ip = "com.apple.mobile.installation_proxy";
-    QTest::newRow("instproxy: not a plist") << ip << notPlist << "Error=MissingCommand";
-    QTest::newRow("instproxy: unknown command")
-        << ip << command("Command", "Explode") << "Error=UnknownCommand";
-    QTest::newRow("instproxy: install without path")
-        << ip << command("Command", "Install") << "Error=MissingPackagePath";
-    QTest::newRow("instproxy: uninstall without id")
-        << ip << command("Command", "Uninstall") << "Error=MissingApplicationIdentifier";
-    QTest::newRow("instproxy: truncated") << ip << truncated << "<silent>";
-    QTest::newRow("instproxy: oversized") << ip << huge << "<closed>";
-    const char* ha = "com.apple.mobile.house_arrest";
-    QTest::newRow("house_arrest: not a plist") << ha << notPlist << "Error=MissingCommand";
-    QTest::newRow("house_arrest: no identifier")
-        << ha << command("Command", "VendContainer") << "Error=MissingIdentifier";
-    QTest::newRow("house_arrest: oversized") << ha << huge << "<closed>";
-    const char* sb = "com.apple.springboardservices";
-    QTest::newRow("springboard: unknown command")
-        << sb << command("command", "explode") << "Error=UnknownCommand";
-    QTest::newRow("springboard: icon without id")
-        << sb << command("command", "getIconPNGData") << "pngData";
-    const char* np = "com.apple.mobile.notification_proxy";
-    QTest::newRow("notification_proxy: junk, then shutdown")
-        << np << notPlist + array + command("Command", "Explode") + command("Command", "Shutdown")
-        << "Command=ProxyDeath";
-    QTest::newRow("notification_proxy: oversized") << np << huge << "<closed>";
-}
-
-void TestDevsimApps::malformedRequests()
-{
-    QFETCH(QString, service);
-    QFETCH(QByteArray, bytes);
-    QFETCH(QString, expected);
-    bool closed = false;
-    plist_t answer = rawExchange(service.toUtf8().constData(), bytes, &closed);
-    if (expected.startsWith('<')) {
-        QVERIFY(!answer);
-        QCOMPARE(closed, expected == "<closed>");
-    } else {
-        QVERIFY(answer);
-        const QByteArray key = expected.section('=', 0, 0).toUtf8();
-        plist_t node = plist_dict_get_item(answer, key.constData());
-        if (expected.contains('='))
-            QCOMPARE(stringOf(answer, key.constData()), expected.section('=', 1));
-        else
-            QVERIFY(node && plist_get_node_type(node) == PLIST_DATA);
-        plist_free(answer);
-    }
-    // The simulator is still there and serves the next client.
-    QVERIFY2(mSim.isRunning(), qPrintable(mSim.log()));
-    QVERIFY(Session(kPhone).ok());
 }
 
 KAVREL_TEST_MAIN(TestDevsimApps)
