@@ -107,11 +107,11 @@ private slots:
         QFETCH(bool, opens);
         QFETCH(QString, logLine);
 
-        QList<DeviceProfile> profiles;
-        for (int i = 1; i <= devices; ++i)
-            profiles << DeviceProfile(testUdid(i));
         DevSim sim;
-        QVERIFY(sim.start(profiles));
+        QStringList profiles;
+        for (int i = 1; i <= devices; ++i)
+            profiles << sim.writeProfile(DeviceProfile(testUdid(i)).json());
+        QVERIFY(sim.start(profiles, nullptr, {"--verbose"}));
 
         LogCapture log;
         Probe session(udid);
@@ -119,6 +119,9 @@ private slots:
         QCOMPARE(session.hasLockdown(), opens);
         if (opens) {
             QCOMPARE(session.udid(), udid.isEmpty() ? testUdid(1) : udid);
+            // The device records the session under the library's own label.
+            QVERIFY2(sim.log().contains("lockdown request StartSession from zeltrana"),
+                     qPrintable(sim.log()));
         } else {
             QVERIFY2(log.hasLine(logLine), qPrintable(log.dump()));
             QVERIFY(log.contains(QStringLiteral("failed to init with udid: ")));

@@ -69,7 +69,9 @@ private:
     bool handle(plist_t request)
     {
         const std::string name = dictString(request, "Request");
-        logDebug("%s: lockdown request %s", mDevice->udid().c_str(), name.c_str());
+        // Hosts name themselves in every request's Label; the log shows who asked.
+        logDebug("%s: lockdown request %s from %s", mDevice->udid().c_str(), name.c_str(),
+                 dictString(request, "Label").c_str());
         if (name == "QueryType") {
             Plist reply = answer(name);
             dictSetString(reply.get(), "Type", "com.apple.mobile.lockdown");
