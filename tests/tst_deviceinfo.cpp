@@ -5,6 +5,7 @@
 #include "DeviceManager.h"
 #include "TestSupport.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMetaMethod>
@@ -203,12 +204,16 @@ private slots:
             .value(QString(), "IntegratedCircuitCardIdentity", "8901260000000000000")
             .value(QString(), "InternationalMobileSubscriberIdentity", "310260000000000")
             .value(QString(), "Note", "see InternationalMobileEquipmentIdentity")
-            .value(QString(), "PasswordProtected", true);
+            .value(QString(), "PasswordProtected", true)
+            // A list of dictionaries, and a dictionary as the domain's last value.
+            .value(QString(), "Zones", QJsonArray{QJsonObject{{"Id", 1}}, QJsonObject{{"Id", 2}}})
+            .value(QString(), "ZzLast", QJsonObject{{"Deep", "x"}});
         DevSim sim;
         QVERIFY(sim.start({profile}));
         DeviceManager manager;
         const QString document = fetchInfo(manager, testUdid(1));
-        QVERIFY2(!document.contains(QLatin1String(",,")), qPrintable(document));
+        for (const char* seam : {",,", "},}", "},]"})
+            QVERIFY2(!document.contains(QLatin1String(seam)), qPrintable(document));
         QVERIFY(!document.contains(QLatin1String("International")));
         QVERIFY(!document.contains(QLatin1String("IntegratedCircuit")));
 
@@ -220,6 +225,8 @@ private slots:
         QCOMPARE(global.value("Note").toString(), QStringLiteral("see IMEI"));
         // Booleans inside a domain come as quoted words.
         QCOMPARE(global.value("PasswordProtected").toString(), QStringLiteral("true"));
+        QCOMPARE(global.value("Zones").toArray().size(), 2);
+        QCOMPARE(global.value("ZzLast").toObject().value("Deep").toString(), QStringLiteral("x"));
     }
 
     void unreachableDevice_data()
