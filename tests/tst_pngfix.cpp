@@ -64,7 +64,8 @@ void TestPngfix::convertsInPlaceAndPngcheckAccepts()
     }
     QImage image;
     QVERIFY(image.load(path, "PNG"));
-    const uint8_t* p = &iconRecipe(true).pixels[(10 * 57 + 20) * 4];
+    const PngRecipe recipe = iconRecipe(true);
+    const uint8_t* p = &recipe.pixels[(10 * 57 + 20) * 4];
     QVERIFY(p[3] != 0);
     auto demul = [&](int c) {
         return ((premultiplied(p[c], p[3]) * 255 + p[3] / 2) / p[3]) & 0xFF;
