@@ -97,7 +97,7 @@ public:
     QStringList attachedUdids() const;
     // Host folder behind com.apple.afc of an attached device.
     QString mediaDir(const QString& udid) const;
-    // What the simulator wrote to standard error so far.
+    // What the simulator wrote to standard error so far (with "--verbose": every request).
     QString log() const;
 
     // Writes the profile into tempDir() as profiles/<udid>.json and returns the path.
