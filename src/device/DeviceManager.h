@@ -32,6 +32,15 @@ public:
     // Writes a text value into the device's global lockdown domain; answer:
     // signalUpdateDevInfo.
     void updateDevInfo(const QString& udid, const QString& key, const QString& value);
+    // Sizes of the apps, measured where the catalog lacks them; answer: signalAppSize,
+    // once per batch. A new request replaces the running one.
+    void getAppSizes(const QString& udid, const QStringList& appIds);
+    // Icons of the apps into the catalog; answer: signalAppIconsReady, once per batch.
+    // A new request replaces the running one.
+    void getAppIcons(const QString& udid, const QStringList& appIds);
+    // One icon straight from the device, blocking, with up to ten attempts; empty when
+    // none could be had.
+    QByteArray getAppIcon(const QString& udid, const QString& appid);
 
 signals:
     void signalAppSize(const QString& udid, const QString& jsonSizes);
@@ -57,6 +66,9 @@ public slots:
 private:
     // Relays the result of a device-information job and releases the job.
     void releaseInfoJob(QObject* job);
+    // Cuts the size or icon job off from the manager and empties its slot.
+    void releaseAppSizeJob();
+    void releaseAppIconJob();
 
     QList<QObject*> mSpareJobs;
     QStringList mSpareStrings;

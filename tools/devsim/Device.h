@@ -33,6 +33,8 @@ struct Faults
     std::string uninstallErrorDescription;
     // Every status message of the installation service is delayed by this much.
     int statusDelayMs = 0;
+    // Every icon the springboard service hands out comes this much later.
+    int iconDelayMs = 0;
     // The installation service never answers (a device gone silent).
     bool silent = false;
     // An AFC write stores at most this many bytes of each write (-1: all).
@@ -55,6 +57,9 @@ struct App
     // Further attributes reported by the installation service (SignerIdentity, ...).
     Plist attributes;
     std::string iconFile; // file name of the icon inside the bundle (empty: none)
+    // House arrest vends the container, but listing it fails (a container the app's
+    // sandbox keeps from the host).
+    bool containerUnreadable = false;
 
     std::string bundlePath() const { return containerPath + "/" + bundleName; }
     std::string documentsPath() const { return containerPath + "/Documents"; }
@@ -147,6 +152,7 @@ private:
     void loadFaults(plist_t faults);
     void populateMedia(plist_t profile, const std::string& profileDir);
     void populateApps(plist_t apps, const std::string& profileDir);
+    void generateApps(plist_t rule);
     void scanApps();
     void saveValues() const;
     void saveTrustedHosts() const;
