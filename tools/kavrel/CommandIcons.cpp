@@ -78,6 +78,7 @@ int runIcons(const QStringList& args)
     DBManager* db = openCatalog(QStringLiteral("icons"));
     if (!db)
         return 1;
+    preferQuickCommits(db);
     bool asked = false;
     const QStringList missing = missingApps(udid, ids, &asked);
     for (const QString& app : missing) {
