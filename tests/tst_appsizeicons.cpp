@@ -53,8 +53,7 @@ QJsonObject caseApps(DeviceProfile profile)
     QJsonObject noDocs{{"bundleId", "com.t.nodocs"}, {"bundleSize", 30000}, {"documents", false}};
     QJsonObject locked{{"bundleId", "com.t.locked"}, {"unreadableContainer", true}};
     QJsonObject noIcon{{"bundleId", "com.t.noicon"}, {"icon", false}, {"bundleSize", 100}};
-    QJsonObject json = profile.apps({docs, noDocs, locked, noIcon}).json();
-    return json;
+    return profile.apps({docs, noDocs, locked, noIcon}).json();
 }
 
 QList<QJsonArray> batchesOf(const QSignalSpy& spy)
@@ -177,9 +176,11 @@ private slots:
         QTRY_COMPARE(mSim.log().count(request) - before, requests);
         QVERIFY(log.hasLine(sizes ? "DeviceManager::slotAppSizeDone"
                                   : "DeviceManager::slotAppIconsDone"));
-        if (sizes)
-            QCOMPARE(batches.first().first().toObject().value("appleid").toString(),
-                     QString("user1@example.com"));
+        if (sizes) {
+            const QJsonObject first = batches.first().first().toObject();
+            QCOMPARE(first.value("appleid").toString(), QString("user1@example.com"));
+            QCOMPARE(first.value("docsize").toInt(), 2000);
+        }
         for (const QString& id : ids)
             QCOMPARE(DBManager::instance()->getIconByAppid(id).startsWith("\x89PNG"),
                      !sizes && id != "com.t.noicon");

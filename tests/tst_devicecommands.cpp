@@ -3,9 +3,12 @@
 
 #include "DevSim.h"
 #include "DeviceManager.h"
+#include "PngBuilder.h"
+#include "PngCrush.h"
 #include "TestSupport.h"
 
 #include <QImage>
+#include <QJsonArray>
 #include <QProcess>
 #include <QSignalSpy>
 
@@ -104,6 +107,35 @@ private slots:
         QVERIFY(kavrel({"icon", "com.kavrel.sample.maps", out.filePath("again.png")}).code == 0);
         QCOMPARE(readFile(out.filePath("again.png")),
                  readFile(out.filePath("com.kavrel.sample.maps.png")));
+
+        // A crushed icon is converted: standard row filters unless the library's bytes
+        // are asked for.
+        PngRecipe recipe;
+        recipe.width = 19;
+        recipe.height = 13;
+        recipe.filter = -1;
+        recipe.pixels = testPixels(19, 13, 6, 3);
+        const Bytes png = buildPng(recipe);
+        const QByteArray crushed(reinterpret_cast<const char*>(png.data()), int(png.size()));
+        DeviceProfile device(testUdid(5));
+        QVERIFY(sim.attach(device.apps({QJsonObject{
+            {"bundleId", "com.t.crushed"},
+            {"icon", QJsonObject{{"$data", QString::fromLatin1(crushed.toBase64())}}}}})));
+        for (bool library : {false, true}) {
+            const QString expected = out.filePath(library ? "library.png" : "standard.png");
+            QVERIFY(writeFile(expected, crushed));
+            PngCrush crush;
+            crush.standard_filters = library ? 0 : 1;
+            QByteArray name = QFile::encodeName(expected);
+            char* outName = nullptr;
+            QCOMPARE(crush.process(name.data(), &outName), 1);
+            free(outName);
+            const QString dir = out.filePath(library ? "l" : "s");
+            QStringList args{"icons", "--udid", testUdid(5), "--out", dir, "com.t.crushed"};
+            QCOMPARE(kavrel(library ? args << "--library-bytes" : args).code, 0);
+            QCOMPARE(readFile(dir + "/com.t.crushed.png"), readFile(expected));
+        }
+        QVERIFY(readFile(out.filePath("library.png")) != readFile(out.filePath("standard.png")));
     }
 
     void devicesAndInfo()
