@@ -139,7 +139,7 @@ private slots:
     void initTestCase()
     {
         QVERIFY(mSim.start(QStringList{}));
-        mPlain = attach({{"statusDelayMs", 50}}, {app("com.kavrel.plain")});
+        mPlain = attach({{"statusDelayMs", 150}}, {app("com.kavrel.plain")});
         QVERIFY(!mPlain.isEmpty());
     }
 
@@ -272,12 +272,12 @@ private slots:
     {
         QTest::addColumn<QJsonObject>("faults");
         QTest::addColumn<QStringList>("expected");
-        QTest::newRow("removed") << QJsonObject{{"statusDelayMs", 50}}
+        QTest::newRow("removed") << QJsonObject{{"statusDelayMs", 300}}
                                  << QStringList{
                                         "Uninstall:RemovingApplication:com.kavrel.a:50:1:1",
                                         "Uninstall:GeneratingApplicationMap:com.kavrel.a:90:1:1",
                                         "Uninstall:Complete:com.kavrel.a:100:1:1"};
-        QTest::newRow("refused") << QJsonObject{{"statusDelayMs", 50},
+        QTest::newRow("refused") << QJsonObject{{"statusDelayMs", 300},
                                                 {"uninstallError", "APIInternalError"}}
                                  << QStringList{"Uninstall:RemovingApplication:com.kavrel.a:50:1:1",
                                                 "Uninstall:APIInternalError:com.kavrel.a:100:0:1"};
