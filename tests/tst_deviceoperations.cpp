@@ -238,14 +238,14 @@ private slots:
     {
         const QString udid = attach({{"silent", true}});
         Host host;
-        host.guard()->setInterval(31000);
+        host.guard()->setInterval(32000);
         LogCapture log;
         QElapsedTimer clock;
         clock.start();
         host.manager.installIpa(udid, ipa("silent.ipa", kAppId), QString(), false);
         host.manager.uninstallApp(mPlain, "com.kavrel.none");
         QTRY_VERIFY_WITH_TIMEOUT(log.contains("DeviceInstallerParallel::slotGetInstaller"), 40000);
-        QVERIFY2(clock.elapsed() > 29000 && clock.elapsed() < 31000,
+        QVERIFY2(clock.elapsed() >= 30000 && clock.elapsed() < 32000,
                  qPrintable(QString::number(clock.elapsed())));
         QVERIFY(!host.manager.canInstall());
         QVERIFY(host.settle(10000));
