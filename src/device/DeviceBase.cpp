@@ -10,6 +10,7 @@ static const char* const kLockdownLabel = "zeltrana";
 DeviceBase::DeviceBase(QObject* parent, const QString& udid)
     : QObject(parent), mUdid(udid), mDevice(nullptr), mLockdown(nullptr), mInited(false)
 {
+    DeviceHelper::keepHostAliveOnUnplug();
     mInited = init();
     if (!mInited)
         qDebug() << "failed to init with udid: " << mUdid;

@@ -6,6 +6,7 @@
 
 #include <libimobiledevice/libimobiledevice.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -103,6 +104,16 @@ char** afcFileInfo(afc_client_t afc, const char* path, afc_error_t* error)
 } // namespace
 
 DeviceHelper::DeviceHelper(QObject* parent) : QObject(parent) {}
+
+void DeviceHelper::keepHostAliveOnUnplug()
+{
+#ifdef SIGPIPE
+    struct sigaction current;
+    if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL &&
+        !(current.sa_flags & SA_SIGINFO))
+        signal(SIGPIPE, SIG_IGN);
+#endif
+}
 
 QStringList DeviceHelper::getUdids()
 {

@@ -18,6 +18,13 @@ class KAVREL_EXPORT DeviceHelper : public QObject
 public:
     explicit DeviceHelper(QObject* parent = nullptr);
 
+    // A device that vanishes mid-transfer leaves the device library writing to a closed
+    // socket on some thread. On POSIX systems that raises SIGPIPE, whose default action
+    // ends the process: when the host left it at the default, it is ignored from here on
+    // (the write then fails with EPIPE and the operation reports its failure). A host
+    // that installed its own handler keeps it. Called by every session and the manager.
+    static void keepHostAliveOnUnplug();
+
     // Device discovery.
     static QStringList getUdids();
     static QString getFirstUdid();

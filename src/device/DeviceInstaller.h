@@ -6,6 +6,7 @@
 #include <QMetaEnum>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <libimobiledevice/afc.h>
 #include <libimobiledevice/installation_proxy.h>
@@ -47,10 +48,21 @@ public:
     DeviceInstaller(QObject* manager, const OperationInfo* operation);
     // Session and services only, for the installed-app listing.
     DeviceInstaller(QObject* parent, const QString& udid);
+    // Releases the installer's clients and its record (see cleanUp), then the session.
+    ~DeviceInstaller() override;
+
+    // Releases the service clients and the record; for an uninstall it tells the
+    // manager the app is gone, whatever the device answered.
+    void cleanUp() override;
 
     // The failure line stored by the last installer step that ended with an error;
     // empty when none did since the last preparation. Safe to call from any thread.
     static QString lastFailureLine();
+
+    // Lists the installed apps (appType 0 all, 1 system, 2 user): the device's answer as
+    // XML text when listFormat is 0, else a JSON array closed by an empty object, plus
+    // the bundle ids in the device's order.
+    bool getAppList(QString* list, QStringList* appIds, int appType, int listFormat);
 
 signals:
     void signalDevProgress(QString status);
@@ -63,6 +75,15 @@ private:
     bool end(EInstError error);
     void emitLine(const QString& line, bool final);
     void waitForCommand();
+    void resetOperationState();
+
+    bool installIpa(const QString& ipaPath, bool upgrade);
+    bool uploadIpa(const QByteArray& stagingPath, bool upgrade);
+    bool uninstallApp(const QString& appId);
+    bool archiveApp(const QString& appId, const QString& copyPath, bool appOnly,
+                    bool skipUninstall);
+    bool copyArchive(const QString& appId, const QByteArray& copyPath);
+    bool removeArchive();
 
     static void statusCallback(plist_t command, plist_t status, void* installer);
     static void notifyCallback(const char* notification, void* userData);

@@ -1,8 +1,11 @@
 #include "DeviceManager.h"
 
+#include "DeviceAppListParallel.h"
 #include "DeviceHelper.h"
 #include "DeviceInfoParallel.h"
+#include "DeviceInstallerParallel.h"
 #include "OperationInfo.h"
+#include "ProgressLine.h"
 
 #include <QDebug>
 #include <QTimer>
@@ -18,6 +21,7 @@ DeviceManager::DeviceManager(QObject* parent)
       mAppIconJob(nullptr),
       mInstallTimer(nullptr)
 {
+    DeviceHelper::keepHostAliveOnUnplug();
     mInstallTimer = new QTimer(this);
     mInstallTimer->setInterval(kInstallerTimeoutMs);
     mInstallTimer->setSingleShot(true);
@@ -37,9 +41,16 @@ DeviceManager::~DeviceManager()
     while (!mOperations.isEmpty())
         delete mOperations.takeFirst();
 
-    // The app-list, app-size, icon and installer jobs are started by the install queue
-    // and the size and icon requests, which this build does not offer yet; those
-    // members stay null and need no release here.
+    if (mAppListJob) {
+        disconnect(mAppListJob, nullptr, this, nullptr);
+        delete mAppListJob;
+        mAppListJob = nullptr;
+    }
+    // The installer job's worker, if still running, is left to end on its own.
+    if (mInstallerJob) {
+        delete mInstallerJob;
+        mInstallerJob = nullptr;
+    }
 
     if (mInstallTimer) {
         disconnect(mInstallTimer, nullptr, this, nullptr);
@@ -107,41 +118,219 @@ void DeviceManager::releaseInfoJob(QObject* job)
     info->deleteLater();
 }
 
-void DeviceManager::slotAppList(const QString& udid, const QString& jsonApps,
-                                const QStringList& appIds)
-{
-    // The app listing runs through the operation queue, which this build does not
-    // offer yet: no job can call this, and nothing is relayed.
-    Q_UNUSED(udid);
-    Q_UNUSED(jsonApps);
-    Q_UNUSED(appIds);
-}
-
-void DeviceManager::slotAppListFailed()
-{
-    // See slotAppList: no app-list job exists in this build yet.
-}
-
-void DeviceManager::slotDevProgress(const QString& status)
-{
-    // Installer sessions do not run through the manager in this build yet; a line
-    // arriving here is ignored rather than arming the guard timer.
-    Q_UNUSED(status);
-}
-
-void DeviceManager::slotInstallFinished(const QString& status)
-{
-    // See slotDevProgress: no installer job exists in this build yet.
-    Q_UNUSED(status);
-}
-
 void DeviceManager::slotAppUninstalled(const QString& appid)
 {
     emit signalAppUninstalled(appid);
 }
 
+// ---- the operation queue ----
+
+void DeviceManager::installIpa(const QString& udid, const QString& ipaPath, const QString& appId,
+                               bool isUpdate)
+{
+    qDebug() << "DeviceManager::installIpa, ipa: " << ipaPath
+             << ", isUpdate: " << (isUpdate ? "true" : "false");
+    auto* info = new OperationInfo;
+    info->mType = isUpdate ? KOperationUpgrade : KOperationInstall;
+    info->mUdid = udid;
+    info->mAppid = appId;
+    info->mIpaPath = ipaPath;
+    info->mIsUpdate = isUpdate;
+    saveOperation(info);
+    installNextOne();
+}
+
+void DeviceManager::uninstallApp(const QString& udid, const QString& appId)
+{
+    qDebug() << "DeviceManager::uninstall, appid: " << appId;
+    auto* info = new OperationInfo;
+    info->mType = KOperationUninstall;
+    info->mUdid = udid;
+    info->mAppid = appId;
+    saveOperation(info);
+    installNextOne();
+}
+
+void DeviceManager::archiveApp(const QString& udid, const QString& appId, const QString& copyPath,
+                               bool appOnly, bool skipUninstall)
+{
+    qDebug() << "DeviceManager::archiveApp";
+    auto* info = new OperationInfo;
+    info->mType = KOperationArchive;
+    info->mUdid = udid;
+    info->mAppid = appId;
+    info->mCopyPath = copyPath;
+    info->mAppOnly = appOnly;
+    info->mSkipUninstall = skipUninstall;
+    saveOperation(info);
+    installNextOne();
+}
+
+void DeviceManager::getAppList(const QString& udid, int appType, int listFormat)
+{
+    qDebug() << "DeviceManager::getAppList, udid: " << udid;
+    auto* info = new OperationInfo;
+    info->mType = KOperationListApp;
+    info->mUdid = udid;
+    info->mAppType = appType;
+    info->mListFormat = listFormat;
+    saveOperation(info);
+    installNextOne();
+}
+
+void DeviceManager::cancelInstallByAppid(const OperationInfo* info)
+{
+    qDebug() << "DeviceManager::cancelInstall";
+    removeOperation(info);
+}
+
+bool DeviceManager::canInstall()
+{
+    return !mInstallerJob && !mAppListJob;
+}
+
+void DeviceManager::saveOperation(OperationInfo* info)
+{
+    qDebug() << "DeviceManager::saveOperation";
+    if (!hasRequestedOperation(info)) {
+        mOperations.append(info);
+        return;
+    }
+    qDebug() << "the operation has been requested before";
+    delete info;
+}
+
+bool DeviceManager::hasRequestedOperation(OperationInfo* info)
+{
+    // Only waiting records count: the running one has left the queue already.
+    const QList<OperationInfo*> queued = mOperations;
+    for (const OperationInfo* other : queued)
+        if (*other == *info)
+            return true;
+    return false;
+}
+
+bool DeviceManager::isSameOperation(const OperationInfo* target, OperationInfo* queued)
+{
+    return target && queued && target->mType == queued->mType &&
+           target->mAppid.contains(queued->mAppid);
+}
+
+OperationInfo* DeviceManager::takeNextOperation()
+{
+    if (mOperations.isEmpty())
+        return nullptr;
+    OperationInfo* info = mOperations.first();
+    mOperations.removeAll(info);
+    return info;
+}
+
+void DeviceManager::install(const OperationInfo* info)
+{
+    if (info->mType == KOperationListApp) {
+        mAppListJob =
+            new DeviceAppListParallel(this, info->mUdid, info->mAppType, info->mListFormat);
+        connect(mAppListJob, &DeviceAppListParallel::signalDataAvailable, this,
+                &DeviceManager::slotAppList);
+        connect(mAppListJob, &DeviceAppListParallel::signalFailed, this,
+                &DeviceManager::slotAppListFailed);
+        // The job keeps its own copies; nothing reads the record any more.
+        delete info;
+        return;
+    }
+    // The installer session takes the record over.
+    mInstallerJob = new DeviceInstallerParallel(this, info);
+}
+
+void DeviceManager::installNextOne()
+{
+    qDebug() << "DeviceManager::installNextOne";
+    if (mInstallerJob || mAppListJob) {
+        qDebug() << "installer busy now, will try later";
+        return;
+    }
+    if (OperationInfo* info = takeNextOperation()) {
+        install(info);
+        return;
+    }
+    qDebug() << "Done, no more install requests.";
+}
+
+void DeviceManager::removeOperation(const OperationInfo* info)
+{
+    qDebug() << "DeviceManager::removeOperation";
+    const QList<OperationInfo*> queued = mOperations;
+    for (OperationInfo* other : queued) {
+        if (isSameOperation(info, other)) {
+            qDebug() << "Will remove this operation, info->mAppid: " << info->mAppid;
+            mOperations.removeAll(other);
+            delete other;
+            return;
+        }
+    }
+}
+
+void DeviceManager::slotDevProgress(const QString& status)
+{
+    mLastStatus = status;
+    mInstallTimer->start();
+    emit signalDevProgress(status);
+}
+
+void DeviceManager::slotInstallFinished(const QString& status)
+{
+    qDebug() << "DeviceManager::slotInstallFinished, status: " << status;
+    mInstallTimer->stop();
+    if (!status.contains(QLatin1String("DoneWithoutNotification")))
+        emit signalDevProgress(status);
+    if (ProgressLine::isInstallComplete(status)) {
+        qDebug() << "Trying to getappsize for installed app...";
+        // An empty udid: the size job opens the first attached device.
+        getAppSizes(QString(), QStringList() << status.section(ProgressLine::kSeparator, 2, 2));
+    }
+    // May delete the caller: the job hands over its stored failure line from here.
+    delete mInstallerJob;
+    mInstallerJob = nullptr;
+    installNextOne();
+}
+
 void DeviceManager::slotInstallerTimeout()
 {
-    // The guard timer is only armed by installer progress, which this build does
-    // not route through the manager yet.
+    qDebug() << "DeviceManager::slotInstallerTimeout";
+    QString appid;
+    QByteArray icon;
+    if (mInstallerJob && mInstallerJob->mInfo) {
+        appid = mInstallerJob->mInfo->mAppid;
+        icon = getAppIcon(mInstallerJob->mInfo->mUdid, appid);
+    }
+    // An app whose icon the device can show counts as installed.
+    const QString line = icon.isEmpty() ? ProgressLine::timedOut(mLastStatus, appid)
+                                        : ProgressLine::installCompleted(appid);
+    emit signalDevProgress(line);
+    delete mInstallerJob;
+    mInstallerJob = nullptr;
+    installNextOne();
+}
+
+void DeviceManager::slotAppList(const QString& udid, const QString& jsonApps,
+                                const QStringList& appIds)
+{
+    releaseAppListJob();
+    emit signalAppList(udid, jsonApps, appIds);
+    installNextOne();
+}
+
+void DeviceManager::slotAppListFailed()
+{
+    releaseAppListJob();
+    installNextOne();
+}
+
+void DeviceManager::releaseAppListJob()
+{
+    if (!mAppListJob)
+        return;
+    disconnect(mAppListJob, nullptr, this, nullptr);
+    delete mAppListJob;
+    mAppListJob = nullptr;
 }

@@ -14,7 +14,7 @@ class DeviceAppListParallel;
 class DeviceInstallerParallel;
 class DeviceAppSizeParallel;
 class DeviceAppIconParallel;
-class OperationInfo;
+struct OperationInfo;
 
 // The facade a host drives from its own thread: each request becomes a background
 // job, and the jobs' results come back as this object's signals, on the host's thread.
@@ -32,6 +32,35 @@ public:
     // Writes a text value into the device's global lockdown domain; answer:
     // signalUpdateDevInfo.
     void updateDevInfo(const QString& udid, const QString& key, const QString& value);
+    // Measures the apps' sizes; answers: signalAppSize, one or more times.
+    void getAppSizes(const QString& udid, const QStringList& appIds);
+    // Reads one app's icon synchronously (PNG bytes, empty after 10 failed attempts).
+    QByteArray getAppIcon(const QString& udid, const QString& appid);
+
+    // The operation queue: requests run one at a time, in order; a request equal to one
+    // still waiting is dropped. Progress and finish lines: signalDevProgress.
+    void installIpa(const QString& udid, const QString& ipaPath, const QString& appId,
+                    bool isUpdate);
+    void uninstallApp(const QString& udid, const QString& appId);
+    void archiveApp(const QString& udid, const QString& appId, const QString& copyPath,
+                    bool appOnly, bool skipUninstall);
+    // appType 0 all, 1 system, 2 user apps; listFormat 0 the device's XML, else JSON.
+    // Answer: signalAppList.
+    void getAppList(const QString& udid, int appType, int listFormat);
+    // Removes the first waiting request of the same type whose app id is part of
+    // info's; the running one is never touched. The caller keeps info.
+    void cancelInstallByAppid(const OperationInfo* info);
+    // True when no operation runs.
+    bool canInstall();
+    void saveOperation(OperationInfo* info);
+    bool hasRequestedOperation(OperationInfo* info);
+    // The cancel match: same type, and target's app id contains queued's.
+    bool isSameOperation(const OperationInfo* target, OperationInfo* queued);
+    OperationInfo* takeNextOperation();
+    // Starts the job for one record without looking whether one runs.
+    void install(const OperationInfo* info);
+    void installNextOne();
+    void removeOperation(const OperationInfo* info);
 
 signals:
     void signalAppSize(const QString& udid, const QString& jsonSizes);
@@ -57,6 +86,7 @@ public slots:
 private:
     // Relays the result of a device-information job and releases the job.
     void releaseInfoJob(QObject* job);
+    void releaseAppListJob();
 
     QList<QObject*> mSpareJobs;
     QStringList mSpareStrings;

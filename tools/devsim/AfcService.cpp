@@ -3,6 +3,11 @@
 // a payload. Answers reuse the request's packet number.
 
 #include "AfcService.h"
+#include "Simulator.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "Device.h"
 #include "Log.h"
@@ -689,7 +694,24 @@ private:
 
 void serveMediaAfc(ServiceContext& context)
 {
+    // Fault injection: the cable is pulled once the host has sent this many bytes to
+    // the media AFC (in the middle of an upload, or of a report reading a file).
+    const uint64_t detachAfter = context.device->faults().detachAfterAfcBytes;
+    if (detachAfter == 0) {
+        serveAfc(context.stream, context.device->mediaPath(), context.device.get());
+        return;
+    }
+    std::atomic<bool> served{false};
+    std::thread watcher([&] {
+        while (!served && context.stream.bytesReceived() < detachAfter)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::string error;
+        if (!served)
+            context.simulator.detach(context.device->udid(), &error);
+    });
     serveAfc(context.stream, context.device->mediaPath(), context.device.get());
+    served = true;
+    watcher.join();
 }
 
 void serveRootAfc(ServiceContext& context)

@@ -285,10 +285,12 @@ void Device::loadFaults(plist_t faults)
     mFaults.uninstallErrorDescription = dictString(faults, "uninstallErrorDescription");
     mFaults.statusDelayMs = static_cast<int>(dictUInt(faults, "statusDelayMs", 0));
     mFaults.silent = dictBool(faults, "silent", false);
+    mFaults.statusWithoutPercent = dictBool(faults, "statusWithoutPercent", false);
     if (dictItem(faults, "afcWriteLimit", PLIST_UINT))
         mFaults.afcWriteLimit = static_cast<int64_t>(dictUInt(faults, "afcWriteLimit"));
     mFaults.dropAfterBytes = dictUInt(faults, "dropAfterBytes", 0);
     mFaults.dropService = dictString(faults, "dropService");
+    mFaults.detachAfterAfcBytes = dictUInt(faults, "detachAfterAfcBytes", 0);
 }
 
 bool Device::loadIdentity(std::string* error)
@@ -443,7 +445,10 @@ std::shared_ptr<App> Device::appFromProfile(plist_t entry, const std::string& pr
     Plist info = plistDict();
     dictSetString(info.get(), "CFBundleIdentifier", app->bundleId);
     dictSetString(info.get(), "CFBundleName", name);
-    dictSetString(info.get(), "CFBundleDisplayName", name);
+    // Many apps have no display name of their own: "displayName": "" leaves it out.
+    const std::string displayName = dictString(entry, "displayName", name);
+    if (!displayName.empty())
+        dictSetString(info.get(), "CFBundleDisplayName", displayName);
     dictSetString(info.get(), "CFBundleExecutable", executable);
     dictSetString(info.get(), "CFBundleVersion", version);
     dictSetString(info.get(), "CFBundleShortVersionString",

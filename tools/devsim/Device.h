@@ -33,6 +33,8 @@ struct Faults
     std::string uninstallErrorDescription;
     // Every status message of the installation service is delayed by this much.
     int statusDelayMs = 0;
+    // Status messages of the installation service carry no PercentComplete.
+    bool statusWithoutPercent = false;
     // The installation service never answers (a device gone silent).
     bool silent = false;
     // An AFC write stores at most this many bytes of each write (-1: all).
@@ -41,6 +43,9 @@ struct Faults
     // dropService when that is set.
     uint64_t dropAfterBytes = 0;
     std::string dropService;
+    // The device is detached once a host has sent this many bytes to com.apple.afc
+    // (0: never).
+    uint64_t detachAfterAfcBytes = 0;
 };
 
 // An installed app. Immutable once registered: changes replace the whole record.

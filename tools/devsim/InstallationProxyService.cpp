@@ -111,7 +111,9 @@ private:
     bool sendStatus(const char* status, int percent)
     {
         Plist message = plistDict();
-        dictSetUInt(message.get(), "PercentComplete", static_cast<uint64_t>(percent));
+        // Some commands of real devices report their steps without a percentage.
+        if (!mDevice.faults().statusWithoutPercent)
+            dictSetUInt(message.get(), "PercentComplete", static_cast<uint64_t>(percent));
         dictSetString(message.get(), "Status", status);
         return send(message.get());
     }
