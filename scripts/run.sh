@@ -50,6 +50,14 @@ demo service check || true
 demo devices || true
 demo info --pretty || true
 
+# Installed apps: sizes (measured on the device once, then kept in the catalog) and
+# icons, written as PNG files any image viewer opens.
+if [ -n "$sim_pid" ]; then
+  apps="com.kavrel.sample.notes com.kavrel.sample.weather com.kavrel.sample.chess com.kavrel.sample.maps"
+  demo sizes $apps || true
+  demo icons --out "$root/build/icons" $apps || true
+fi
+
 if [ -n "$sim_pid" ]; then
   # Hot-plug: a second simulated device comes and goes while kavrel watch listens.
   echo

@@ -255,6 +255,8 @@ private slots:
     void demultiplyAlpha();
     void rowFiltersMatchDefinition_data();
     void rowFiltersMatchDefinition();
+    void standardFilters_data();
+    void standardFilters();
 
 private:
     QString writeInput(const QString& name, const Bytes& file);
@@ -801,6 +803,73 @@ void TestPngCrush::rowFiltersMatchDefinition()
         PngCrush::applyRowFilters(width, height, reinterpret_cast<unsigned char*>(got.data()));
         QVERIFY2(got == expected, qPrintable(QStringLiteral("apply, width %1").arg(width)));
     }
+}
+
+void TestPngCrush::standardFilters_data()
+{
+    QTest::addColumn<bool>("standard");
+    QTest::addColumn<bool>("interlaced");
+    QTest::newRow("default") << false << false;
+    QTest::newRow("standard") << true << false;
+    QTest::newRow("standard, interlaced") << true << true;
+}
+
+void TestPngCrush::standardFilters()
+{
+    // Rows use filters 0 to 4 in turn; the converter's own re-filtering of Up, Average
+    // and Paeth rows shows wrong pixels in ordinary decoders, the standard one does not.
+    QFETCH(bool, standard);
+    QFETCH(bool, interlaced);
+    PngRecipe recipe = rgbaRecipe(19, 13);
+    recipe.filter = -1;
+    recipe.interlaced = interlaced;
+    const QString path = writeInput(QStringLiteral("rows.png"), buildPng(recipe));
+    PngCrush crush;
+    QCOMPARE(crush.standard_filters, 0);
+    crush.standard_filters = standard ? 1 : 0;
+    QCOMPARE(runCrush(crush, path).result, 1);
+
+    QImage image;
+    QVERIFY(image.load(path, "PNG"));
+    int wrong = 0;
+    for (uint32_t y = 0; y < recipe.height; ++y) {
+        for (uint32_t x = 0; x < recipe.width; ++x) {
+            const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * 4];
+            int c[3];
+            for (int i = 0; i < 3; ++i)
+                c[i] = p[3] ? ((premultiplied(p[i], p[3]) * 255 + p[3] / 2) / p[3]) & 0xFF : 0;
+            const QRgb got = image.pixel(int(x), int(y));
+            wrong += p[3] ? got != qRgba(c[0], c[1], c[2], p[3]) : qAlpha(got) != 0;
+        }
+    }
+    QCOMPARE(wrong == 0, standard);
+    if (standard)
+        return;
+
+    // Without the option the bytes are the converter's: its filters undone, the
+    // colours demultiplied, its filters applied again.
+    QByteArray expected = toQt(scanlines(recipe));
+    const int stride = 4 * int(recipe.width) + 1;
+    for (int y = 0; y < int(recipe.height); ++y)
+        for (int x = 0; x < int(recipe.width); ++x)
+            std::swap(expected.data()[y * stride + 1 + 4 * x],
+                      expected.data()[y * stride + 3 + 4 * x]);
+    refRemove(expected, int(recipe.width), int(recipe.height));
+    PngCrush::demultiplyAlpha(int(recipe.width), int(recipe.height),
+                              reinterpret_cast<unsigned char*>(expected.data()));
+    refApply(expected, int(recipe.width), int(recipe.height));
+    std::vector<ParsedChunk> chunks;
+    QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
+    QCOMPARE(chunks.at(1).type, std::string("IDAT"));
+    QByteArray inflated(expected.size(), 0);
+    size_t got = 0;
+    libdeflate_decompressor* d = libdeflate_alloc_decompressor();
+    const libdeflate_result r =
+        libdeflate_zlib_decompress(d, chunks.at(1).data.data(), chunks.at(1).data.size(),
+                                   inflated.data(), size_t(inflated.size()), &got);
+    libdeflate_free_decompressor(d);
+    QCOMPARE(int(r), int(LIBDEFLATE_SUCCESS));
+    QCOMPARE(inflated, expected);
 }
 
 KAVREL_TEST_MAIN(TestPngCrush)

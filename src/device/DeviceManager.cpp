@@ -1,11 +1,15 @@
 #include "DeviceManager.h"
 
 #include "DeviceAppListParallel.h"
+#include "DeviceAppIcon.h"
+#include "DeviceAppIconParallel.h"
+#include "DeviceAppSizeParallel.h"
 #include "DeviceHelper.h"
 #include "DeviceInfoParallel.h"
 #include "DeviceInstallerParallel.h"
 #include "OperationInfo.h"
 #include "ProgressLine.h"
+#include "Utility.h"
 
 #include <QDebug>
 #include <QTimer>
@@ -51,6 +55,8 @@ DeviceManager::~DeviceManager()
         delete mInstallerJob;
         mInstallerJob = nullptr;
     }
+    releaseAppSizeJob();
+    releaseAppIconJob();
 
     if (mInstallTimer) {
         disconnect(mInstallTimer, nullptr, this, nullptr);
@@ -79,18 +85,97 @@ void DeviceManager::updateDevInfo(const QString& udid, const QString& key, const
     mInfoJobs.append(job);
 }
 
+// ---- App sizes and icons ----
+
+void DeviceManager::getAppSizes(const QString& udid, const QStringList& appIds)
+{
+    qDebug() << "DeviceManager::getAppSizes";
+    if (mAppSizeJob) {
+        qDebug() << "will cancel the previous process";
+        releaseAppSizeJob();
+    }
+    auto* job = new DeviceAppSizeParallel(nullptr, udid, appIds);
+    mAppSizeJob = job;
+    // Batches travel queued from the worker's thread; one posted before its job was
+    // replaced must not reach the host, so each is checked against the job in the slot.
+    connect(job, &DeviceAppSizeParallel::signalAppSizesReady, this,
+            [this, job](const QString& id, const QString& json) {
+                if (job == mAppSizeJob)
+                    emit signalAppSize(id, json);
+            });
+    connect(job, &DeviceAppSizeParallel::signalAppSizeDone, this, &DeviceManager::slotAppSizeDone);
+}
+
+void DeviceManager::getAppIcons(const QString& udid, const QStringList& appIds)
+{
+    qDebug() << "DeviceManager::getAppIcons";
+    if (mAppIconJob) {
+        qDebug() << "will cancel the previous process";
+        releaseAppIconJob();
+    }
+    auto* job = new DeviceAppIconParallel(nullptr, udid, appIds);
+    mAppIconJob = job;
+    connect(job, &DeviceAppIconParallel::signalAppIconsReady, this,
+            [this, job](const QString& id, const QString& json) {
+                if (job == mAppIconJob)
+                    emit signalAppIconsReady(id, json);
+            });
+    connect(job, &DeviceAppIconParallel::signalAppIconsDone, this,
+            &DeviceManager::slotAppIconsDone);
+}
+
+QByteArray DeviceManager::getAppIcon(const QString& udid, const QString& appid)
+{
+    QByteArray icon;
+    for (int attemptsLeft = 9;; --attemptsLeft) {
+        if (!icon.isEmpty())
+            return icon;
+        auto* session = new DeviceAppIcon(nullptr, udid);
+        if (session->prepare() && session->getAppIcon(appid, icon)) {
+            delete session;
+            return icon;
+        }
+        Utility::waitSeconds(0);
+        delete session;
+        if (attemptsLeft == 0)
+            return icon;
+    }
+}
+
 void DeviceManager::slotAppIconsDone(const QString& udid)
 {
     Q_UNUSED(udid);
     qDebug() << "DeviceManager::slotAppIconsDone";
-    // No icon job exists in this build yet, so there is nothing to release.
+    releaseAppIconJob();
 }
 
 void DeviceManager::slotAppSizeDone(const QString& udid)
 {
     Q_UNUSED(udid);
     qDebug() << "DeviceManager::slotAppSizeDone";
-    // No app-size job exists in this build yet, so there is nothing to release.
+    releaseAppSizeJob();
+}
+
+// A replaced or finished job's worker may still be running and calling into the job,
+// so the job is only detached here and deletes itself once that worker has returned.
+// Deleting it later also keeps its address from being reused while batches it posted
+// are still queued.
+void DeviceManager::releaseAppSizeJob()
+{
+    if (!mAppSizeJob)
+        return;
+    disconnect(mAppSizeJob, nullptr, this, nullptr);
+    mAppSizeJob->retire();
+    mAppSizeJob = nullptr;
+}
+
+void DeviceManager::releaseAppIconJob()
+{
+    if (!mAppIconJob)
+        return;
+    disconnect(mAppIconJob, nullptr, this, nullptr);
+    mAppIconJob->retire();
+    mAppIconJob = nullptr;
 }
 
 void DeviceManager::slotDevInfo(const QString& udid, const QString& devInfo)

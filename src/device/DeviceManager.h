@@ -32,9 +32,14 @@ public:
     // Writes a text value into the device's global lockdown domain; answer:
     // signalUpdateDevInfo.
     void updateDevInfo(const QString& udid, const QString& key, const QString& value);
-    // Measures the apps' sizes; answers: signalAppSize, one or more times.
+    // Sizes of the apps, measured where the catalog lacks them; answer: signalAppSize,
+    // once per batch. A new request replaces the running one.
     void getAppSizes(const QString& udid, const QStringList& appIds);
-    // Reads one app's icon synchronously (PNG bytes, empty after 10 failed attempts).
+    // Icons of the apps into the catalog; answer: signalAppIconsReady, once per batch.
+    // A new request replaces the running one.
+    void getAppIcons(const QString& udid, const QStringList& appIds);
+    // One icon straight from the device, blocking, with up to ten attempts; empty when
+    // none could be had.
     QByteArray getAppIcon(const QString& udid, const QString& appid);
 
     // The operation queue: requests run one at a time, in order; a request equal to one
@@ -87,6 +92,9 @@ private:
     // Relays the result of a device-information job and releases the job.
     void releaseInfoJob(QObject* job);
     void releaseAppListJob();
+    // Cuts the size or icon job off from the manager and empties its slot.
+    void releaseAppSizeJob();
+    void releaseAppIconJob();
 
     QList<QObject*> mSpareJobs;
     QStringList mSpareStrings;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -315,6 +316,60 @@ struct ImageHeader
 // The state of one call of process(): messages with the name-prefix rule, the
 // header, the image buffers. Its destructor closes and frees everything, so every
 // return path cleans up.
+// One RGBA byte's prediction as PNG defines the five filters: a left, b above, c above
+// left, each 0 outside the image.
+inline int predict(int filter, int a, int b, int c)
+{
+    switch (filter) {
+    case 1:
+        return a;
+    case 2:
+        return b;
+    case 3:
+        return (a + b) >> 1;
+    case 4:
+        return paeth(a, b, c);
+    default:
+        return 0;
+    }
+}
+
+// Undoes, demultiplies and re-applies the row filters exactly as PNG defines them, so
+// standard decoders see the demultiplied pixels. Rows keep their filter types.
+void refilterStandard(int width, int height, unsigned char* rows)
+{
+    const ptrdiff_t n = 4 * static_cast<ptrdiff_t>(width);
+    const ptrdiff_t stride = n + 1;
+    std::vector<unsigned char> raw(static_cast<size_t>(n) * height);
+    for (int y = 0; y < height; ++y) {
+        const unsigned char* x = rows + y * stride + 1;
+        unsigned char* r = raw.data() + y * n;
+        const unsigned char* up = y > 0 ? r - n : nullptr;
+        for (ptrdiff_t i = 0; i < n; ++i) {
+            const int a = i >= 4 ? r[i - 4] : 0;
+            const int b = up ? up[i] : 0;
+            const int c = up && i >= 4 ? up[i - 4] : 0;
+            r[i] = static_cast<unsigned char>(x[i] + predict(x[-1], a, b, c));
+        }
+    }
+    // Demultiplied in a buffer laid out as the library's row operations expect.
+    std::vector<unsigned char> plain(static_cast<size_t>(stride) * height, 0);
+    for (int y = 0; y < height; ++y)
+        memcpy(plain.data() + y * stride + 1, raw.data() + y * n, static_cast<size_t>(n));
+    PngCrush::demultiplyAlpha(width, height, plain.data());
+    for (int y = 0; y < height; ++y) {
+        unsigned char* x = rows + y * stride + 1;
+        const unsigned char* r = plain.data() + y * stride + 1;
+        const unsigned char* up = y > 0 ? r - stride : nullptr;
+        for (ptrdiff_t i = 0; i < n; ++i) {
+            const int a = i >= 4 ? r[i - 4] : 0;
+            const int b = up ? up[i] : 0;
+            const int c = up && i >= 4 ? up[i - 4] : 0;
+            x[i] = static_cast<unsigned char>(r[i] - predict(x[-1], a, b, c));
+        }
+    }
+}
+
 class Conversion
 {
 public:
@@ -739,6 +794,10 @@ void Conversion::fixImage(unsigned char* rows, uint64_t columns, uint64_t rowCou
     if (mCrushed && mHeader.colorType == 6 && mCrush.fix_alpha) {
         const int w = static_cast<int>(columns);
         const int h = static_cast<int>(rowCount);
+        if (mCrush.standard_filters) {
+            refilterStandard(w, h, rows);
+            return;
+        }
         PngCrush::removeRowFilters(w, h, rows);
         PngCrush::demultiplyAlpha(w, h, rows);
         PngCrush::applyRowFilters(w, h, rows);
@@ -894,7 +953,8 @@ PngCrush::PngCrush()
       fix_alpha(1),
       max_idat_size(524288),
       write_output(1),
-      output_dir(nullptr)
+      output_dir(nullptr),
+      standard_filters(0)
 {
 }
 

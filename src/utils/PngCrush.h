@@ -63,4 +63,8 @@ public:
     int max_idat_size;
     int write_output;
     char* output_dir;
+    // Off by default, which keeps the converter's own re-filtering of Up, Average and
+    // Paeth rows. When set, crushed RGBA rows are un-filtered and re-filtered exactly as
+    // PNG defines the filters, so ordinary image viewers show the right pixels.
+    int standard_filters;
 };

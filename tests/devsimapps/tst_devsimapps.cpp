@@ -393,7 +393,7 @@ void TestDevsimApps::installListServeUninstall()
     QVERIFY2(uninstall.out.contains("Uninstall: Complete"), qPrintable(uninstall.out));
     QVERIFY(!listed(kPhone).join('\n').contains("com.example.hello"));
     QCOMPARE(withContainer("com.example.hello", "VendContainer", [](afc_client_t) {}),
-             QString("InstallationLookupFailed"));
+             QString("ApplicationLookupFailed"));
     QCOMPARE(springboardIcon("com.example.hello"), QByteArray());
 }
 
@@ -626,7 +626,7 @@ void TestDevsimApps::houseArrestVendsContainer_data()
     QTest::newRow("documents") << QByteArray("VendDocuments") << "com.kavrel.sample.notes"
                                << QString();
     QTest::newRow("unknown app") << QByteArray("VendContainer") << "no.such.app"
-                                 << "InstallationLookupFailed";
+                                 << "ApplicationLookupFailed";
     QTest::newRow("unknown command") << QByteArray("VendEverything") << "com.kavrel.sample.notes"
                                      << "UnknownCommand";
 }

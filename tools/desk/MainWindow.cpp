@@ -23,6 +23,7 @@
 #include <QListWidget>
 #include <QMimeData>
 #include <QPushButton>
+#include <QSignalBlocker>
 #include <QSplitter>
 #include <QStatusBar>
 #include <QTabWidget>
@@ -204,19 +205,22 @@ void MainWindow::slotDeviceRemoved(const QString& udid)
     const int row = deviceUdids().indexOf(udid);
     if (row < 0)
         return;
-    const QString name = mDevices->item(row)->text();
+    const QString name = mDevices->item(row)->text().section(QLatin1Char('\n'), 0, 0);
     const bool shown = udid == mUdid;
-    if (shown)
+    if (shown) {
         mUdid.clear();
-    delete mDevices->takeItem(row);
+        mAppsController->load(QString());
+        mDevicePanel->showMessage(tr("%1 was detached.").arg(name));
+    }
+    {
+        // The list would move its selection on by itself; the window chooses below.
+        const QSignalBlocker quiet(mDevices);
+        delete mDevices->takeItem(row);
+    }
     mQueue->deviceGone(udid);
     say(tr("Device detached: %1").arg(name));
-    if (!shown)
-        return;
-    mAppsController->load(QString());
-    mDevicePanel->showMessage(tr("%1 was detached.").arg(name));
-    if (mDevices->count() > 0)
-        mDevices->setCurrentRow(0);
+    if (shown && mDevices->count() > 0)
+        selectDevice(deviceUdids().first());
     updateActions();
 }
 
@@ -226,8 +230,10 @@ void MainWindow::selectDevice(const QString& udid)
         return;
     mUdid = udid;
     const int row = deviceUdids().indexOf(udid);
-    if (row >= 0 && mDevices->currentRow() != row)
+    if (row >= 0 && mDevices->currentRow() != row) {
+        const QSignalBlocker quiet(mDevices);
         mDevices->setCurrentRow(row);
+    }
     mDevicePanel->showMessage(tr("Reading the device..."));
     mManager->getDevInfo(udid);
     mAppsController->load(udid);

@@ -89,6 +89,41 @@ uint32_t colourOf(const std::string& text)
            (0x30 + ((h >> 16) & 0x9F));
 }
 
+// Files described by profile entries ("size", "text", "data", "source", "directory",
+// "symlink"), created below base unless they exist already.
+void populateFiles(const std::string& base, plist_t entries, const std::string& profileDir)
+{
+    for (uint32_t i = 0; entries && i < plist_array_get_size(entries); ++i) {
+        plist_t entry = plist_array_get_item(entries, i);
+        std::string path = dictString(entry, "path");
+        if (path.empty() || path.find("..") != std::string::npos)
+            continue;
+        std::string host = base + (path[0] == '/' ? "" : "/") + path;
+        if (fileExists(host))
+            continue;
+        if (dictBool(entry, "directory")) {
+            makePath(host);
+        } else if (dictItem(entry, "symlink", PLIST_STRING)) {
+            makePath(parentOf(host));
+            if (::symlink(dictString(entry, "symlink").c_str(), host.c_str()) != 0)
+                logError("cannot create symlink %s", host.c_str());
+        } else if (dictItem(entry, "text", PLIST_STRING)) {
+            writeWholeFile(host, dictString(entry, "text"));
+        } else if (dictItem(entry, "data", PLIST_DATA)) {
+            writeWholeFile(host, dictData(entry, "data"));
+        } else if (dictItem(entry, "source", PLIST_STRING)) {
+            std::string bytes;
+            std::string source = dictString(entry, "source");
+            if (source[0] != '/')
+                source = profileDir + "/" + source;
+            if (readWholeFile(source, &bytes))
+                writeWholeFile(host, bytes);
+        } else {
+            makeSizedFile(host, dictUInt(entry, "size", 0));
+        }
+    }
+}
+
 } // namespace
 
 bool makePath(const std::string& path)
@@ -261,8 +296,10 @@ bool Device::build(plist_t profile, const std::string& profileDir, const std::st
     populateMedia(profile, profileDir);
     if (restored)
         scanApps();
-    else
+    else {
         populateApps(dictItem(profile, "apps", PLIST_ARRAY), profileDir);
+        generateApps(dictItem(profile, "generate", PLIST_DICT));
+    }
     saveValues();
     return true;
 }
@@ -284,6 +321,7 @@ void Device::loadFaults(plist_t faults)
     mFaults.uninstallError = dictString(faults, "uninstallError");
     mFaults.uninstallErrorDescription = dictString(faults, "uninstallErrorDescription");
     mFaults.statusDelayMs = static_cast<int>(dictUInt(faults, "statusDelayMs", 0));
+    mFaults.iconDelayMs = static_cast<int>(dictUInt(faults, "iconDelayMs", 0));
     mFaults.silent = dictBool(faults, "silent", false);
     mFaults.statusWithoutPercent = dictBool(faults, "statusWithoutPercent", false);
     if (dictItem(faults, "afcWriteLimit", PLIST_UINT))
@@ -374,36 +412,7 @@ void Device::populateMedia(plist_t profile, const std::string& profileDir)
         writeWholeFile(prefs, plistToBinary(doc.get()));
     }
 
-    plist_t entries = dictItem(profile, "media", PLIST_ARRAY);
-    for (uint32_t i = 0; entries && i < plist_array_get_size(entries); ++i) {
-        plist_t entry = plist_array_get_item(entries, i);
-        std::string path = dictString(entry, "path");
-        if (path.empty() || path.find("..") != std::string::npos)
-            continue;
-        std::string host = media + (path[0] == '/' ? "" : "/") + path;
-        if (fileExists(host))
-            continue;
-        if (dictBool(entry, "directory")) {
-            makePath(host);
-        } else if (dictItem(entry, "symlink", PLIST_STRING)) {
-            makePath(parentOf(host));
-            if (::symlink(dictString(entry, "symlink").c_str(), host.c_str()) != 0)
-                logError("cannot create symlink %s", host.c_str());
-        } else if (dictItem(entry, "text", PLIST_STRING)) {
-            writeWholeFile(host, dictString(entry, "text"));
-        } else if (dictItem(entry, "data", PLIST_DATA)) {
-            writeWholeFile(host, dictData(entry, "data"));
-        } else if (dictItem(entry, "source", PLIST_STRING)) {
-            std::string bytes;
-            std::string source = dictString(entry, "source");
-            if (source[0] != '/')
-                source = profileDir + "/" + source;
-            if (readWholeFile(source, &bytes))
-                writeWholeFile(host, bytes);
-        } else {
-            makeSizedFile(host, dictUInt(entry, "size", 0));
-        }
-    }
+    populateFiles(media, dictItem(profile, "media", PLIST_ARRAY), profileDir);
 }
 
 // ---- apps ----
@@ -503,6 +512,12 @@ std::shared_ptr<App> Device::appFromProfile(plist_t entry, const std::string& pr
         makeSizedFile(app->documentsPath() + "/userdata.bin", docs);
     if (plist_t metadata = dictItem(entry, "iTunesMetadata", PLIST_DICT))
         writeWholeFile(app->containerPath + "/iTunesMetadata.plist", plistToBinary(metadata));
+    // Further content: "files" below the container, "bundleFiles" below the bundle.
+    populateFiles(app->containerPath, dictItem(entry, "files", PLIST_ARRAY), profileDir);
+    populateFiles(bundle, dictItem(entry, "bundleFiles", PLIST_ARRAY), profileDir);
+    if (!dictBool(entry, "documents", true))
+        removeTree(app->documentsPath());
+    app->containerUnreadable = dictBool(entry, "unreadableContainer");
 
     app->info = std::move(info);
     app->attributes = plistDict();
@@ -530,6 +545,43 @@ void Device::populateApps(plist_t apps, const std::string& profileDir)
     }
 }
 
+// Many similar user apps from one rule, for profiles that need a few hundred apps:
+// <prefix><n> for n = 1..count, each bundle holding `files` files of about `fileSize`
+// bytes in nested folders with a link, `documentsFiles` files in Documents and an
+// iTunesMetadata.plist naming user<n>@example.com.
+void Device::generateApps(plist_t rule)
+{
+    if (!rule)
+        return;
+    const std::string prefix = dictString(rule, "prefix", "com.generated.app");
+    const uint64_t count = dictUInt(rule, "count", 0);
+    const uint64_t files = dictUInt(rule, "files", 0);
+    const uint64_t fileSize = dictUInt(rule, "fileSize", 1024);
+    const uint64_t documentsFiles = dictUInt(rule, "documentsFiles", 0);
+    for (uint64_t n = 1; n <= count; ++n) {
+        const std::string number = std::to_string(n);
+        Plist entry = plistDict();
+        dictSetString(entry.get(), "bundleId", prefix + number);
+        dictSetString(entry.get(), "name", "App" + number);
+        Plist metadata = plistDict();
+        dictSetString(metadata.get(), "appleId", "user" + number + "@example.com");
+        dictSetUInt(metadata.get(), "itemId", 1500000000 + n);
+        dictSet(entry.get(), "iTunesMetadata", std::move(metadata));
+        auto app = appFromProfile(entry.get(), std::string());
+        const std::string assets = app->bundlePath() + "/Assets";
+        for (uint64_t f = 0; f < files; ++f)
+            makeSizedFile(assets + "/d" + std::to_string(f / 30) + "/s" + std::to_string(f % 3) +
+                              "/f" + std::to_string(f) + ".bin",
+                          fileSize + f % 7);
+        if (files > 0 && ::symlink("d0", (assets + "/latest").c_str()) != 0)
+            logError("cannot create symlink in %s", assets.c_str());
+        for (uint64_t f = 0; f < documentsFiles; ++f)
+            makeSizedFile(app->documentsPath() + "/Inbox/doc" + std::to_string(f) + ".dat",
+                          fileSize);
+        registerApp(app);
+    }
+}
+
 std::string Device::appRecordPath(const std::string& bundleId) const
 {
     return mStatePath + "/apps/" + safeName(bundleId) + ".plist";
@@ -550,6 +602,7 @@ std::shared_ptr<App> Device::loadAppRecord(const std::string& recordPath) const
     app->deviceContainerPath = dictString(record.get(), "deviceContainerPath");
     app->bundleName = dictString(record.get(), "bundleName");
     app->iconFile = dictString(record.get(), "iconFile");
+    app->containerUnreadable = dictBool(record.get(), "containerUnreadable");
     app->attributes = plistCopy(dictItem(record.get(), "attributes", PLIST_DICT));
     if (!app->attributes)
         app->attributes = plistDict();
@@ -609,6 +662,7 @@ void Device::registerApp(std::shared_ptr<App> app)
     dictSetString(record.get(), "deviceContainerPath", app->deviceContainerPath);
     dictSetString(record.get(), "bundleName", app->bundleName);
     dictSetString(record.get(), "iconFile", app->iconFile);
+    dictSetBool(record.get(), "containerUnreadable", app->containerUnreadable);
     dictSet(record.get(), "attributes", plistCopy(app->attributes.get()));
     writeWholeFile(appRecordPath(app->bundleId), plistToXml(record.get()));
     std::lock_guard<std::mutex> lock(mLock);

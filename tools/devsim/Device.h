@@ -35,6 +35,8 @@ struct Faults
     int statusDelayMs = 0;
     // Status messages of the installation service carry no PercentComplete.
     bool statusWithoutPercent = false;
+    // Every icon the springboard service hands out comes this much later.
+    int iconDelayMs = 0;
     // The installation service never answers (a device gone silent).
     bool silent = false;
     // An AFC write stores at most this many bytes of each write (-1: all).
@@ -60,6 +62,9 @@ struct App
     // Further attributes reported by the installation service (SignerIdentity, ...).
     Plist attributes;
     std::string iconFile; // file name of the icon inside the bundle (empty: none)
+    // House arrest vends the container, but listing it fails (a container the app's
+    // sandbox keeps from the host).
+    bool containerUnreadable = false;
 
     std::string bundlePath() const { return containerPath + "/" + bundleName; }
     std::string documentsPath() const { return containerPath + "/Documents"; }
@@ -152,6 +157,7 @@ private:
     void loadFaults(plist_t faults);
     void populateMedia(plist_t profile, const std::string& profileDir);
     void populateApps(plist_t apps, const std::string& profileDir);
+    void generateApps(plist_t rule);
     void scanApps();
     void saveValues() const;
     void saveTrustedHosts() const;

@@ -2,7 +2,7 @@
 // ({"Command": "VendContainer" or "VendDocuments", "Identifier": bundle id}); the answer is
 // {"Status": "Complete"} and from then on the connection speaks AFC rooted in the app's
 // container (<Name>.app, Documents, Library, tmp, iTunesMetadata.plist). An unknown app
-// gets {"Error": "InstallationLookupFailed"} and the host may ask again.
+// gets {"Error": "ApplicationLookupFailed"} and the host may ask again.
 
 #include "AfcService.h"
 #include "Device.h"
@@ -43,10 +43,15 @@ void serveHouseArrest(ServiceContext& context)
             dictSetString(answer.get(), "Status", "Complete");
             if (!sendPlist(context.stream, answer.get()))
                 return;
-            serveAfc(context.stream, app->containerPath, &device);
+            // An unreadable container is served as a root that does not exist, so every
+            // request inside it fails as the device refuses it.
+            serveAfc(context.stream,
+                     app->containerUnreadable ? app->containerPath + "/.unreadable"
+                                              : app->containerPath,
+                     &device);
             return;
         } else {
-            sent = sendError(context.stream, "InstallationLookupFailed");
+            sent = sendError(context.stream, "ApplicationLookupFailed");
         }
         if (!sent)
             return;

@@ -10,6 +10,9 @@
 #include "Service.h"
 #include "Stream.h"
 
+#include <chrono>
+#include <thread>
+
 namespace devsim {
 
 namespace {
@@ -68,7 +71,11 @@ void serveSpringboard(ServiceContext& context)
             continue;
         Plist answer = plistDict();
         if (command == "getIconPNGData") {
-            AppPtr app = device.findApp(dictString(request.get(), "bundleId"));
+            const std::string bundleId = dictString(request.get(), "bundleId");
+            logDebug("%s: springboardservices icon of %s", device.udid().c_str(), bundleId.c_str());
+            if (device.faults().iconDelayMs > 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(device.faults().iconDelayMs));
+            AppPtr app = device.findApp(bundleId);
             dictSetData(answer.get(), "pngData", app ? app->iconBytes() : std::string());
         } else if (command == "getIconState") {
             answer = iconState(device);

@@ -1,4 +1,5 @@
-// kavrel icon: write an app's icon, as stored in the catalog, to a file.
+// kavrel icon: write an app's icon, as stored in the catalog, to a file. The catalog
+// holds the icons of parsed .ipa files and those fetched from devices by kavrel icons.
 
 #include "CatalogCommon.h"
 #include "Command.h"
@@ -32,7 +33,8 @@ int runIcon(const QStringList& args)
         return 1;
     const QByteArray icon = db->getIconByAppid(words[0]);
     if (icon.isEmpty()) {
-        err() << "kavrel icon: no icon stored for " << words[0] << "\n";
+        err() << "kavrel icon: no icon stored for " << words[0]
+              << " (fetch it from a device with 'kavrel icons " << words[0] << "')\n";
         err().flush();
         return 1;
     }

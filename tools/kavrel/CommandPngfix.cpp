@@ -25,7 +25,11 @@ static int runPngfix(const QStringList& args)
                                     QStringLiteral("Write the converted files into DIR instead of "
                                                    "over the input files."),
                                     QStringLiteral("DIR"));
-    parser.addOptions({info, listChunks, outDir});
+    const QCommandLineOption libraryBytes(
+        QStringLiteral("library-bytes"),
+        QStringLiteral("Keep the library's default row re-filtering (its bytes as a host gets "
+                       "them) instead of filtering rows as standard PNG decoders expect."));
+    parser.addOptions({info, listChunks, outDir, libraryBytes});
     parser.addPositionalArgument(QStringLiteral("FILE"), QStringLiteral("Crushed PNG files."),
                                  QStringLiteral("FILE..."));
     int code = 0;
@@ -53,6 +57,8 @@ static int runPngfix(const QStringList& args)
     crush.print_info = parser.isSet(info) ? 1 : 0;
     crush.list_chunks = parser.isSet(listChunks) ? 1 : 0;
     crush.output_dir = dir.isEmpty() ? nullptr : dir.data();
+    // Files written for people to look at: rows filtered exactly as PNG defines it.
+    crush.standard_filters = parser.isSet(libraryBytes) ? 0 : 1;
 
     // The converter writes to stdout with printf; so does this loop, to keep the order.
     int failed = 0;
@@ -69,5 +75,5 @@ static int runPngfix(const QStringList& args)
     return failed ? 1 : 0;
 }
 
-KAVREL_COMMAND("pngfix", "[--info] [--list-chunks] [--out DIR] FILE...",
+KAVREL_COMMAND("pngfix", "[--info] [--list-chunks] [--out DIR] [--library-bytes] FILE...",
                "Convert crushed iPhone PNG files into standard PNG files", runPngfix);

@@ -4,6 +4,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 class QCommandLineParser;
 
 namespace kavrelcli {
@@ -27,5 +29,26 @@ QString chooseUdid(const QCommandLineParser& parser, const QString& command);
 
 // The one-line message for a missing device, prefixed with the command name.
 void reportNoDevice(const QString& command, DeviceLookup how);
+
+} // namespace kavrelcli
+
+class DeviceManager;
+
+namespace kavrelcli {
+
+// The device for a command that needs one attached: --udid must name an attached
+// device, else the first attached one is taken. Prints the one-line reason and returns
+// an empty string when there is none.
+QString chooseAttachedUdid(const QCommandLineParser& parser, const QString& command);
+
+// The identifiers among ids that the device does not have installed (an app lookup
+// through the installation service). ok is false when the device could not be asked.
+QStringList missingApps(const QString& udid, const QStringList& ids, bool* ok);
+
+// Runs one batch request of the manager (sizes or icons) to its end. onBatch gets each
+// batch's udid and document and returns how many apps it held. On a terminal a count
+// of the apps done is kept up to date on standard error. Returns the apps reported.
+int runBatches(DeviceManager& manager, bool sizes, const QString& udid, const QStringList& ids,
+               const std::function<int(const QString& document)>& onBatch);
 
 } // namespace kavrelcli
