@@ -97,8 +97,11 @@ AppsView::AppsView(QWidget* parent) : QWidget(parent)
     mList->sortByColumn(NameColumn, Qt::AscendingOrder);
     mList->setSelectionMode(QAbstractItemView::ExtendedSelection);
     mList->header()->setStretchLastSection(false);
-    mList->header()->setSectionResizeMode(NameColumn, QHeaderView::Stretch);
     mList->header()->setSectionResizeMode(BundleColumn, QHeaderView::Stretch);
+    mList->setColumnWidth(NameColumn, 170);
+    mList->setColumnWidth(VersionColumn, 70);
+    mList->setColumnWidth(AppSizeColumn, 80);
+    mList->setColumnWidth(DocSizeColumn, 100);
     mGrid = new QListView;
     mGrid->setModel(mFilter);
     mGrid->setViewMode(QListView::IconMode);

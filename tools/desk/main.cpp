@@ -62,7 +62,8 @@ int main(int argc, char** argv)
         }
         const QString file = parser.value(screenshot);
         QTimer::singleShot(int(seconds * 1000), &window, [&window, file] {
-            const bool saved = window.grab().save(file, "PNG");
+            // Quality 0 is the PNG writer's strongest compression: the smallest file.
+            const bool saved = window.grab().save(file, "PNG", 0);
             if (!saved)
                 fprintf(stderr, "kavrel-desk: cannot write %s\n", qPrintable(file));
             QCoreApplication::exit(saved ? 0 : 1);
