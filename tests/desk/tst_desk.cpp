@@ -15,6 +15,7 @@
 
 #include <QApplication>
 #include <QBuffer>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QImage>
 #include <QMimeData>
@@ -25,29 +26,23 @@ namespace {
 
 const QString kDemoId = QStringLiteral("com.example.desk");
 
-void setString(plist_t dict, const char* key, const QString& value)
-{
-    plist_dict_set_item(dict, key, plist_new_string(value.toUtf8().constData()));
-}
-
 // An .ipa of one app with an icon.
 QString writeIpa(const QString& dir)
 {
     plist_t info = plist_new_dict();
-    setString(info, "CFBundleIdentifier", kDemoId);
-    setString(info, "CFBundleDisplayName", QStringLiteral("Desk Demo"));
-    setString(info, "CFBundleExecutable", QStringLiteral("Demo"));
-    setString(info, "CFBundleVersion", QStringLiteral("3.1"));
-    setString(info, "CFBundleIconFile", QStringLiteral("Icon.png"));
+    const char* const values[][2] = {{"CFBundleIdentifier", "com.example.desk"},
+                                     {"CFBundleDisplayName", "Desk Demo"},
+                                     {"CFBundleExecutable", "Demo"},
+                                     {"CFBundleVersion", "3.1"},
+                                     {"CFBundleIconFile", "Icon.png"}};
+    for (const auto& value : values)
+        plist_dict_set_item(info, value[0], plist_new_string(value[1]));
     QImage image(60, 60, QImage::Format_ARGB32);
     image.fill(QColor(0x3070c0));
     QBuffer icon;
-    icon.open(QIODevice::WriteOnly);
     image.save(&icon, "PNG");
     const QString path = dir + QStringLiteral("/Demo.ipa");
     ZipBuilder()
-        .addDir("Payload/")
-        .addDir("Payload/Demo.app/")
         .add("Payload/Demo.app/Info.plist", plistBytes(info, false))
         .add("Payload/Demo.app/Demo", QByteArray(64 * 1024, '\x7f'))
         .add("Payload/Demo.app/Icon.png", icon.data())
@@ -110,14 +105,10 @@ private slots:
         QCOMPARE(panel->field("ios"), QStringLiteral("14.4"));
         QCOMPARE(panel->field("battery"), QStringLiteral("87% charging"));
         QCOMPARE(panel->field("jailbreak"), QStringLiteral("no"));
-        QStringList kinds;
-        for (const DiskUsageBar::Segment& s : panel->diskBar()->segments())
-            kinds << s.label;
-        QVERIFY2(kinds.contains("Photos") && !kinds.contains("Audio"), qPrintable(kinds.join(',')));
+        // Photos among the media kinds; Audio, at 0 bytes, is left out.
+        const DiskUsageBar::Segment photos = panel->diskBar()->segments().value(4);
+        QCOMPARE(photos.label + QString::number(photos.bytes), QStringLiteral("Photos6442450944"));
 
-#ifndef KAVREL_DESK_APP_QUERIES
-        QSKIP("the library has no app list, icons or sizes yet");
-#endif
         AppsView* apps = mWindow->appsView();
         QTRY_COMPARE_WITH_TIMEOUT(apps->appIds().size(), 20, 60000);
         QTRY_VERIFY_WITH_TIMEOUT(apps->text("com.kavrel.sample.chat", AppsView::DocSizeColumn) ==
@@ -130,9 +121,6 @@ private slots:
         apps->setKind(AppsView::SystemApps);
         QCOMPARE(apps->visibleAppIds().size(), 5);
         apps->setKind(AppsView::AllApps);
-        apps->setSearchText(QStringLiteral("podw"));
-        QCOMPARE(apps->visibleAppIds(), QStringList{"com.kavrel.sample.podcasts"});
-        apps->setSearchText(QString());
     }
 
     void droppedIpaInstalls_data()
@@ -148,9 +136,6 @@ private slots:
     }
     void droppedIpaInstalls()
     {
-#ifndef KAVREL_DESK_QUEUE
-        QSKIP("the library has no operation queue yet");
-#endif
         QFETCH(int, device);
         QFETCH(QJsonObject, faults);
         QFETCH(QString, error);
@@ -194,6 +179,35 @@ private slots:
         }
         QVERIFY(mSim.detach(profile.udid()));
         QTRY_VERIFY(!mWindow->deviceUdids().contains(profile.udid()));
+    }
+
+    // An archive runs while a later uninstall of the same app waits and is cancelled;
+    // asked again, the uninstall takes the app off the list.
+    void archiveCancelUninstall()
+    {
+        const QString appid = QStringLiteral("com.kavrel.sample.notes");
+        const QString folder = mSim.tempDir() + QStringLiteral("/archives");
+        QVERIFY(QDir().mkpath(folder));
+        QTRY_COMPARE(mWindow->currentUdid(), kPhone);
+        AppsView* apps = mWindow->appsView();
+        QTRY_VERIFY_WITH_TIMEOUT(apps->contains(appid), 30000);
+        QueuePanel* queue = mWindow->queuePanel();
+        const int row = queue->rowCount();
+        apps->selectApp(appid);
+        mWindow->archiveSelected(folder);
+        mWindow->uninstallSelected();
+        QVERIFY(queue->isCancellable(row + 1));
+        queue->cancel(row + 1);
+        QTRY_COMPARE_WITH_TIMEOUT(queue->state(row), QueuePanel::Done, 60000);
+        QCOMPARE(queue->state(row + 1), QueuePanel::Cancelled);
+        QVERIFY(!QDir(folder).isEmpty());
+        // A fresh list queues behind whatever the manager still holds.
+        mWindow->refreshApps();
+        QTRY_VERIFY_WITH_TIMEOUT(!mWindow->appsController()->isListing(), 30000);
+        QVERIFY(apps->contains(appid));
+        mWindow->uninstallSelected();
+        QTRY_COMPARE_WITH_TIMEOUT(queue->state(row + 2), QueuePanel::Done, 60000);
+        QVERIFY(!apps->contains(appid));
     }
 };
 

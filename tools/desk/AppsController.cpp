@@ -13,10 +13,8 @@ AppsController::AppsController(DeviceManager* manager, AppsView* view, QObject* 
     : QObject(parent), mManager(manager), mView(view)
 {
     connect(mManager, &DeviceManager::signalAppList, this, &AppsController::slotAppList);
-#ifdef KAVREL_DESK_APP_QUERIES
     connect(mManager, &DeviceManager::signalAppIconsReady, this, &AppsController::slotIcons);
     connect(mManager, &DeviceManager::signalAppSize, this, &AppsController::slotSizes);
-#endif
 }
 
 void AppsController::load(const QString& udid)
@@ -36,12 +34,8 @@ void AppsController::load(const QString& udid)
 
 void AppsController::request(ListKind kind)
 {
-#ifdef KAVREL_DESK_QUEUE
     mPendingKind = kind;
     mManager->getAppList(mUdid, kind, 1);
-#else
-    Q_UNUSED(kind);
-#endif
 }
 
 void AppsController::slotAppList(const QString& udid, const QString& jsonApps,
@@ -70,10 +64,8 @@ void AppsController::finishListing()
         if (!stillThere.contains(appid))
             mView->removeApp(appid);
     }
-#ifdef KAVREL_DESK_APP_QUERIES
     mManager->getAppIcons(mUdid, mListed);
     mManager->getAppSizes(mUdid, mListed);
-#endif
     emit listed(mUdid);
 }
 

@@ -237,6 +237,16 @@ QStringList AppsView::selectedAppIds() const
     return ids;
 }
 
+void AppsView::selectApp(const QString& appid)
+{
+    QStandardItem* item = findRow(appid);
+    if (!item)
+        return;
+    mList->selectionModel()->select(mFilter->mapFromSource(item->index()),
+                                    QItemSelectionModel::ClearAndSelect |
+                                        QItemSelectionModel::Rows);
+}
+
 bool AppsView::hasIcon(const QString& appid) const
 {
     QStandardItem* item = findRow(appid);

@@ -51,6 +51,8 @@ public:
     // The apps the view shows now, after the search and kind filters.
     QStringList visibleAppIds() const;
     QStringList selectedAppIds() const;
+    // Makes the app the only selected one.
+    void selectApp(const QString& appid);
     bool hasIcon(const QString& appid) const;
     // The shown text of one column of an app, "" when the app is not listed.
     QString text(const QString& appid, Column column) const;

@@ -19,7 +19,6 @@
 #include <QFileInfo>
 #include <QGroupBox>
 #include <QHBoxLayout>
-#include <QLabel>
 #include <QListWidget>
 #include <QMimeData>
 #include <QPushButton>
@@ -128,12 +127,11 @@ QWidget* MainWindow::buildAppsTab()
     mUninstallButton = new QPushButton(tr("Uninstall"));
     mArchiveButton = new QPushButton(tr("Archive..."));
     mRefreshButton = new QPushButton(tr("Refresh"));
-    mAppsNote = new QLabel;
     auto* buttons = new QHBoxLayout;
     buttons->addWidget(mInstallButton);
     buttons->addWidget(mUninstallButton);
     buttons->addWidget(mArchiveButton);
-    buttons->addWidget(mAppsNote, 1);
+    buttons->addStretch(1);
     buttons->addWidget(mRefreshButton);
     auto* tab = new QWidget;
     auto* layout = new QVBoxLayout(tab);
@@ -273,9 +271,7 @@ void MainWindow::installFiles(const QStringList& paths)
         const QString title = info.mAppName.isEmpty() ? info.mAppId : info.mAppName;
         if (!mQueue->addOperation(type, mUdid, info.mAppId, title))
             continue;
-#ifdef KAVREL_DESK_QUEUE
         mManager->installIpa(mUdid, file, info.mAppId, upgrade);
-#endif
     }
 }
 
@@ -285,9 +281,7 @@ void MainWindow::uninstallSelected()
         if (!mQueue->addOperation(KOperationUninstall, mUdid, appid,
                                   mApps->text(appid, AppsView::NameColumn)))
             continue;
-#ifdef KAVREL_DESK_QUEUE
         mManager->uninstallApp(mUdid, appid);
-#endif
     }
 }
 
@@ -305,10 +299,8 @@ void MainWindow::archiveSelected(const QString& folder)
         if (!mQueue->addOperation(KOperationArchive, mUdid, appid,
                                   mApps->text(appid, AppsView::NameColumn)))
             continue;
-#ifdef KAVREL_DESK_QUEUE
         // A backup: the app and its data stay on the device.
         mManager->archiveApp(mUdid, appid, target, false, true);
-#endif
     }
 }
 
@@ -337,33 +329,21 @@ void MainWindow::slotOperationEnded(int type, const QString& appid, bool ok)
 
 void MainWindow::slotCancel(int type, const QString& udid, const QString& appid)
 {
-#ifdef KAVREL_DESK_QUEUE
     OperationInfo target;
     target.mType = type;
     target.mUdid = udid;
     target.mAppid = appid;
     mManager->cancelInstallByAppid(&target);
-#else
-    Q_UNUSED(type);
-    Q_UNUSED(udid);
-    Q_UNUSED(appid);
-#endif
 }
 
 void MainWindow::updateActions()
 {
-#ifdef KAVREL_DESK_QUEUE
     const bool device = !mUdid.isEmpty();
     const bool selected = device && !mApps->selectedAppIds().isEmpty();
     mInstallButton->setEnabled(device);
     mUninstallButton->setEnabled(selected);
     mArchiveButton->setEnabled(selected);
     mRefreshButton->setEnabled(device);
-#else
-    for (QPushButton* button : {mInstallButton, mUninstallButton, mArchiveButton, mRefreshButton})
-        button->setEnabled(false);
-    mAppsNote->setText(tr("This build of the library lists no apps."));
-#endif
 }
 
 void MainWindow::say(const QString& text)

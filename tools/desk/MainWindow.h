@@ -9,7 +9,6 @@ class CatalogView;
 class DeviceListener;
 class DeviceManager;
 class DevicePanel;
-class QLabel;
 class QListWidget;
 class QPushButton;
 class QTabWidget;
@@ -79,5 +78,4 @@ private:
     QPushButton* mUninstallButton;
     QPushButton* mArchiveButton;
     QPushButton* mRefreshButton;
-    QLabel* mAppsNote;
 };
