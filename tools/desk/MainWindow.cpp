@@ -26,6 +26,7 @@
 #include <QSplitter>
 #include <QStatusBar>
 #include <QTabWidget>
+#include <QThreadPool>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -118,6 +119,10 @@ MainWindow::~MainWindow()
         mListener->wait();
         delete mListener;
     }
+    // Device work still running on the thread pool calls back into the manager's jobs,
+    // so the manager goes only after it (the pool would wait for it at exit anyway).
+    QThreadPool::globalInstance()->waitForDone();
+    delete mManager;
 }
 
 QWidget* MainWindow::buildAppsTab()
