@@ -106,7 +106,7 @@ AppsView::AppsView(QWidget* parent) : QWidget(parent)
     mGrid->setModel(mFilter);
     mGrid->setViewMode(QListView::IconMode);
     mGrid->setIconSize(QSize(48, 48));
-    mGrid->setGridSize(QSize(96, 84));
+    mGrid->setGridSize(QSize(100, 100));
     mGrid->setResizeMode(QListView::Adjust);
     mGrid->setMovement(QListView::Static);
     mGrid->setWordWrap(true);
