@@ -58,6 +58,35 @@ if [ -n "$sim_pid" ]; then
   demo icons --out "$root/build/icons" $apps || true
 fi
 
+# App operations on the simulated iPhone: a sample .ipa made here is installed, listed
+# with its size, archived to a folder and uninstalled.
+if [ -n "$sim_pid" ]; then
+  ipa="$sim_dir/KavrelDemo.ipa"
+  python3 - "$ipa" <<'PY'
+import sys, zipfile
+info = """<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0"><dict>
+<key>CFBundleIdentifier</key><string>com.kavrel.demo</string>
+<key>CFBundleName</key><string>KavrelDemo</string>
+<key>CFBundleDisplayName</key><string>Kavrel Demo</string>
+<key>CFBundleExecutable</key><string>KavrelDemo</string>
+<key>CFBundleVersion</key><string>1.0</string>
+<key>MinimumOSVersion</key><string>12.0</string>
+</dict></plist>
+"""
+with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
+    z.writestr("Payload/KavrelDemo.app/Info.plist", info)
+    z.writestr("Payload/KavrelDemo.app/KavrelDemo", b"\x7f" * 65536)
+PY
+  demo install "$ipa" || true
+  demo apps --user --sizes || true
+  mkdir -p "$sim_dir/archives"
+  demo archive --keep-app com.kavrel.demo "$sim_dir/archives" || true
+  ls -l "$sim_dir/archives"
+  demo uninstall --lines com.kavrel.demo || true
+fi
+
 if [ -n "$sim_pid" ]; then
   # Hot-plug: a second simulated device comes and goes while kavrel watch listens.
   echo

@@ -12,7 +12,7 @@ PACKAGES=(
   libimobiledevice-dev libplist-dev libusbmuxd-dev
   libimobiledevice-utils ideviceinstaller libplist-utils usbmuxd
   libzip-dev zipcmp libdeflate-dev zlib1g-dev libssl-dev
-  nodejs pngcheck sqlite3 hyperfine
+  nodejs pngcheck sqlite3 hyperfine python3
 )
 # The machine's Node.js may come with its own npm; Debian's npm conflicts with it.
 command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)

@@ -3,14 +3,17 @@
 # plain build and once under AddressSanitizer + UndefinedBehaviorSanitizer.
 #   scripts/test.sh                 everything
 #   scripts/test.sh --no-sanitize   the plain build only (quicker, for development)
+#   scripts/test.sh --tsan          the plain build, then a ThreadSanitizer build (clang)
 #   scripts/test.sh -R REGEX        only the tests whose names match (passed to ctest)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 sanitize=1
+tsan=0
 ctest_args=()
 while [ $# -gt 0 ]; do
   case "$1" in
     --no-sanitize) sanitize=0 ;;
+    --tsan) sanitize=0; tsan=1 ;;
     *) ctest_args+=("$1") ;;
   esac
   shift
@@ -29,4 +32,11 @@ run_suite "$root/build"
 if [ "$sanitize" = 1 ]; then
   echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
   run_suite "$root/build-sanitize" -DKAVREL_SANITIZE=ON -DKAVREL_BUILD_BENCH=OFF
+fi
+if [ "$tsan" = 1 ]; then
+  echo "== ThreadSanitizer build"
+  # Qt and the device libraries are not instrumented: their own accesses are not
+  # tracked, so only the library's and the tests' code is checked.
+  export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ignore_noninstrumented_modules=1"
+  CC=clang CXX=clang++ run_suite "$root/build-tsan" -DKAVREL_TSAN=ON -DKAVREL_BUILD_BENCH=OFF
 fi

@@ -12,6 +12,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
+#include <QThread>
 #include <QThreadPool>
 
 using namespace kavreltest;
@@ -52,8 +53,7 @@ QJsonObject caseApps(DeviceProfile profile)
     QJsonObject noDocs{{"bundleId", "com.t.nodocs"}, {"bundleSize", 30000}, {"documents", false}};
     QJsonObject locked{{"bundleId", "com.t.locked"}, {"unreadableContainer", true}};
     QJsonObject noIcon{{"bundleId", "com.t.noicon"}, {"icon", false}, {"bundleSize", 100}};
-    QJsonObject json = profile.apps({docs, noDocs, locked, noIcon}).json();
-    return json;
+    return profile.apps({docs, noDocs, locked, noIcon}).json();
 }
 
 QList<QJsonArray> batchesOf(const QSignalSpy& spy)
@@ -176,9 +176,11 @@ private slots:
         QTRY_COMPARE(mSim.log().count(request) - before, requests);
         QVERIFY(log.hasLine(sizes ? "DeviceManager::slotAppSizeDone"
                                   : "DeviceManager::slotAppIconsDone"));
-        if (sizes)
-            QCOMPARE(batches.first().first().toObject().value("appleid").toString(),
-                     QString("user1@example.com"));
+        if (sizes) {
+            const QJsonObject first = batches.first().first().toObject();
+            QCOMPARE(first.value("appleid").toString(), QString("user1@example.com"));
+            QCOMPARE(first.value("docsize").toInt(), 2000);
+        }
         for (const QString& id : ids)
             QCOMPARE(DBManager::instance()->getIconByAppid(id).startsWith("\x89PNG"),
                      !sizes && id != "com.t.noicon");
@@ -249,6 +251,12 @@ private slots:
         else
             mManager.getAppIcons(kLarge, ids);
         QVERIFY(spy.wait(60000));
+        // Without handling events, let the worker post its next batch: one is then
+        // queued for the manager when the job is replaced.
+        const char* notify = sizes ? "notifyAppSizesReady" : "notifyAppIconsReady";
+        for (int i = 0; i < 3000 && log.count(notify) < 2; ++i)
+            QThread::msleep(10);
+        QThread::msleep(200); // the line comes just before the batch is sent
         spy.clear();
         const QList<QJsonArray> batches = run(mManager, sizes, kCases, {"com.t.docs"});
         QVERIFY(log.hasLine("will cancel the previous process"));
@@ -259,7 +267,7 @@ private slots:
         QCOMPARE(batches.size(), 1);
         QCOMPARE(batches.first().size(), 1);
         // The replaced worker was still walking when it was cut off.
-        QVERIFY(log.count(sizes ? "notifyAppSizesReady" : "notifyAppIconsReady") > 2);
+        QVERIFY(log.count(notify) > 2);
         if (sizes)
             QTRY_COMPARE(log.count("DeviceAppSizeParallel::~DeviceAppSizeParallel"), 2);
     }

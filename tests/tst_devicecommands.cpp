@@ -3,8 +3,12 @@
 
 #include "DevSim.h"
 #include "DeviceManager.h"
+#include "PngBuilder.h"
+#include "PngCrush.h"
 #include "TestSupport.h"
 
+#include <QImage>
+#include <QJsonArray>
 #include <QProcess>
 #include <QSignalSpy>
 
@@ -53,6 +57,8 @@ private slots:
             QTest::addRow("devices, %s", where) << runs << QStringList{"devices"};
             QTest::addRow("info, %s", where) << runs << QStringList{"info", "--pretty"};
             QTest::addRow("set, %s", where) << runs << QStringList{"set", "DeviceName", "x"};
+            QTest::addRow("sizes, %s", where) << runs << QStringList{"sizes", "com.x"};
+            QTest::addRow("icons, %s", where) << runs << QStringList{"icons", "com.x"};
         }
         QTest::addRow("watch, no usbmuxd") << false << QStringList{"watch"};
     }
@@ -71,6 +77,65 @@ private slots:
         QVERIFY2(run.errLines.first().startsWith(
                      QStringLiteral("kavrel %1: no device attached").arg(args.first())),
                  qPrintable(run.errLines.first()));
+    }
+
+    void appSizesAndIcons()
+    {
+        DevSim sim;
+        QVERIFY(sim.start({"iphone"}));
+        const Run sizes = kavrel({"sizes", "--udid", kPhone, "com.kavrel.sample.notes", "no.such"});
+        QCOMPARE(sizes.code, 1);
+        QVERIFY2(sizes.out.contains(QRegularExpression(
+                     "^com.kavrel.sample.notes +bundle +18.4 MB +documents +1.2 MB +Apple ID "
+                     "tester0@example.com\n$")),
+                 qPrintable(sizes.out));
+        QCOMPARE(sizes.errLines,
+                 QStringList{"kavrel sizes: app no.such is not installed on " + kPhone});
+        // The library's document as it is, now from the catalog.
+        QCOMPARE(kavrel({"sizes", "--json", "com.kavrel.sample.notes"}).out,
+                 QString("{ \"apps\" : [ { \"appid\" : \"com.kavrel.sample.notes\", \"appleid\" : "
+                         "\"tester0@example.com\", \"appsize\" : 18432000, \"docsize\" : 1245184 "
+                         "} ] }\n"));
+        QCOMPARE(kavrel({"sizes", "--udid", testUdid(9), "com.x"}).errLines,
+                 QStringList{"kavrel sizes: no device with udid " + testUdid(9) + " is attached"});
+
+        QTemporaryDir out;
+        const Run icons = kavrel({"icons", "--out", out.path(), "com.kavrel.sample.maps"});
+        QCOMPARE(icons.code, 0);
+        QImage icon(out.filePath("com.kavrel.sample.maps.png"));
+        QCOMPARE(icon.size(), QSize(57, 57));
+        QVERIFY(kavrel({"icon", "com.kavrel.sample.maps", out.filePath("again.png")}).code == 0);
+        QCOMPARE(readFile(out.filePath("again.png")),
+                 readFile(out.filePath("com.kavrel.sample.maps.png")));
+
+        // A crushed icon is converted: standard row filters unless the library's bytes
+        // are asked for.
+        PngRecipe recipe;
+        recipe.width = 19;
+        recipe.height = 13;
+        recipe.filter = -1;
+        recipe.pixels = testPixels(19, 13, 6, 3);
+        const Bytes png = buildPng(recipe);
+        const QByteArray crushed(reinterpret_cast<const char*>(png.data()), int(png.size()));
+        DeviceProfile device(testUdid(5));
+        QVERIFY(sim.attach(device.apps({QJsonObject{
+            {"bundleId", "com.t.crushed"},
+            {"icon", QJsonObject{{"$data", QString::fromLatin1(crushed.toBase64())}}}}})));
+        for (bool library : {false, true}) {
+            const QString expected = out.filePath(library ? "library.png" : "standard.png");
+            QVERIFY(writeFile(expected, crushed));
+            PngCrush crush;
+            crush.standard_filters = library ? 0 : 1;
+            QByteArray name = QFile::encodeName(expected);
+            char* outName = nullptr;
+            QCOMPARE(crush.process(name.data(), &outName), 1);
+            free(outName);
+            const QString dir = out.filePath(library ? "l" : "s");
+            QStringList args{"icons", "--udid", testUdid(5), "--out", dir, "com.t.crushed"};
+            QCOMPARE(kavrel(library ? args << "--library-bytes" : args).code, 0);
+            QCOMPARE(readFile(dir + "/com.t.crushed.png"), readFile(expected));
+        }
+        QVERIFY(readFile(out.filePath("library.png")) != readFile(out.filePath("standard.png")));
     }
 
     void devicesAndInfo()

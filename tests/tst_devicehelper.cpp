@@ -263,6 +263,21 @@ void TestDeviceHelper::kavrelPlist_data()
     row("cut.plist", kavreltest::plistBytes(sample(), true).left(20), 1, "",
         "is not a property list");
     row("", QByteArray(), 2, "", "exactly one FILE");
+    // A UTF-16 text holding a zero character, as a key and as a value: libplist would
+    // abort the process reading either back, so the file is refused instead.
+    auto wide = [](const char* dictRefs) {
+        return QByteArray("bplist00") + QByteArray::fromHex(dictRefs) +
+               QByteArray::fromHex("63006100000062"
+                                   "5178"
+                                   "080b12"
+                                   "000000000000"
+                                   "0101"
+                                   "0000000000000003"
+                                   "0000000000000000"
+                                   "0000000000000014");
+    };
+    row("zero-in-key.plist", wide("d10102"), 1, "", "is not a property list");
+    row("zero-in-value.plist", wide("d10201"), 1, "", "is not a property list");
 }
 
 void TestDeviceHelper::kavrelPlist()

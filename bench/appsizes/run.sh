@@ -3,8 +3,8 @@
 #   kavrel sizes        (the library's size job, fresh catalog, so every app is measured)
 #   bench-appsizes-bare (the same house-arrest and AFC requests straight through
 #                        libimobiledevice)
-# Both against the same kavrel-devsim device in the same run, one run each; the wall
-# times are compared as a ratio.
+# Both against the same kavrel-devsim device in the same run, one timed run each after
+# an untimed warm-up pass; the wall times are compared as a ratio.
 #   bash bench/appsizes/run.sh [BUILD_DIR]     (APPS=N, FILES=N to change the workload)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
@@ -38,6 +38,9 @@ for _ in $(seq 600); do
   sleep 0.1
 done
 ids=$(seq -f "com.bench.app%.0f" 1 "$apps")
+
+# One untimed pass first, so both timed runs find the device's files in the page cache.
+"$bare" "$udid" $ids >/dev/null
 
 now() { date +%s%N; }
 t0=$(now)

@@ -21,7 +21,9 @@ if [ ! -d "$work/node/node_modules/app-info-parser" ]; then
 fi
 
 files=$work/files
-have=$(find "$files" -maxdepth 1 -name '*.ipa' 2>/dev/null | wc -l)
+have=0
+# A first run has no files folder yet; find would fail on it (and pipefail with it).
+[ -d "$files" ] && have=$(find "$files" -maxdepth 1 -name '*.ipa' | wc -l)
 if [ "$have" != "$count" ]; then
   rm -rf "$files"
   "$build/bench/ipa/bench-ipa" generate "$files" "$count"

@@ -38,27 +38,27 @@ bool DeviceAppSize::vendContainer(const QString& appid)
 {
     lockdownd_service_descriptor_t service = nullptr;
     if (lockdownd_start_service(mLockdown, kHouseArrestService, &service) != LOCKDOWN_E_SUCCESS) {
-        qDebug("could not start house_arrest service!\n");
+        qDebug("could not start house_arrest service!");
         return false;
     }
     const house_arrest_error_t made = house_arrest_client_new(mDevice, service, &mHouseArrest);
     lockdownd_service_descriptor_free(service);
     if (made != HOUSE_ARREST_E_SUCCESS) {
         mHouseArrest = nullptr;
-        qDebug("could not connect to house_arrest service!\n");
+        qDebug("could not connect to house_arrest service!");
         return false;
     }
     const QByteArray id = appid.toLatin1();
     const house_arrest_error_t sent =
         house_arrest_send_command(mHouseArrest, "VendContainer", id.constData());
     if (sent != HOUSE_ARREST_E_SUCCESS) {
-        qDebug("error %d when trying to get VendContainer.\n", sent);
+        qDebug("error %d when trying to get VendContainer.", sent);
         return false;
     }
     plist_t answer = nullptr;
     if (house_arrest_get_result(mHouseArrest, &answer) != HOUSE_ARREST_E_SUCCESS &&
         house_arrest_get_result(mHouseArrest, &answer) != HOUSE_ARREST_E_SUCCESS) {
-        qDebug("hmmm....\n");
+        qDebug("hmmm....");
         return false;
     }
     if (plist_t error = plist_dict_get_item(answer, "Error")) {

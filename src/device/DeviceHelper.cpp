@@ -30,15 +30,55 @@ const QStringList& skippedKeys()
     return keys;
 }
 
+// Big-endian unsigned number of 1 to 8 bytes.
+quint64 readBigEndian(const unsigned char* p, unsigned int size)
+{
+    quint64 value = 0;
+    for (unsigned int i = 0; i < size; ++i)
+        value = (value << 8) | p[i];
+    return value;
+}
+
+// Whether a binary property list holds a UTF-16 text with a zero character. libplist
+// aborts the whole process (an assertion) when such a text is read back as a dictionary
+// key, so files from a device that carry one are refused before parsing.
+bool hasZeroInWideString(const unsigned char* data, quint64 size)
+{
+    if (size < 8 + 32)
+        return false;
+    const unsigned char* trailer = data + size - 32;
+    const unsigned int offsetSize = trailer[6];
+    const quint64 count = readBigEndian(trailer + 8, 8);
+    const quint64 table = readBigEndian(trailer + 24, 8);
+    if (offsetSize < 1 || offsetSize > 8 || table >= size || count > (size - table) / offsetSize)
+        return false; // not parsable anyway
+    for (quint64 i = 0; i < count; ++i) {
+        const quint64 at = readBigEndian(data + table + i * offsetSize, offsetSize);
+        if (at >= size || (data[at] >> 4) != 0x6)
+            continue;
+        quint64 chars = data[at] & 0x0f;
+        quint64 start = at + 1;
+        if (chars == 0x0f) { // the length follows as an integer object
+            if (start >= size || (data[start] >> 4) != 0x1)
+                continue;
+            const unsigned int bytes = 1u << (data[start] & 0x03);
+            if (start + 1 + bytes > size)
+                continue;
+            chars = readBigEndian(data + start + 1, bytes);
+            start += 1 + bytes;
+        }
+        for (quint64 c = 0; c < chars && start + 2 * c + 1 < size; ++c)
+            if (data[start + 2 * c] == 0 && data[start + 2 * c + 1] == 0)
+                return true;
+    }
+    return false;
+}
+
 const QString kQuotedUnknown = QStringLiteral("\"unknown\"");
 
-// The text of a string node, or null when the node is no string. The caller frees it.
 char* stringValue(plist_t node)
 {
-    char* text = nullptr;
-    if (node && plist_get_node_type(node) == PLIST_STRING)
-        plist_get_string_val(node, &text);
-    return text;
+    return DeviceHelper::copyString(node);
 }
 
 void appendDate(QString& out, plist_t node)
@@ -155,6 +195,18 @@ QString DeviceHelper::getMetaString(plist_t dict, const char* key)
         }
     }
     return value;
+}
+
+char* DeviceHelper::copyString(plist_t node)
+{
+    if (!node || plist_get_node_type(node) != PLIST_STRING)
+        return nullptr;
+    // Not plist_get_string_val: libplist asserts there that the text holds no zero
+    // byte, and a binary property list from a device can carry one, which would abort
+    // the whole host. The copy ends at the first zero byte instead.
+    uint64_t length = 0;
+    const char* text = plist_get_string_ptr(node, &length);
+    return text ? strdup(text) : nullptr;
 }
 
 void DeviceHelper::nodeToJson(QString& out, plist_t node)
@@ -359,9 +411,13 @@ void DeviceHelper::plistFromBuffer(const char* bytes, unsigned int length, plist
     if (!bytes)
         return;
     // Anything that starts like a binary property list goes to the binary parser only.
-    if (length >= 8 && memcmp(bytes, "bplist00", 8) == 0)
+    if (length >= 8 && memcmp(bytes, "bplist00", 8) == 0) {
+        if (hasZeroInWideString(reinterpret_cast<const unsigned char*>(bytes), length)) {
+            qDebug() << "Warning, refused a binary plist with a zero character in a text";
+            return;
+        }
         plist_from_bin(bytes, length, result);
-    else
+    } else
         plist_from_xml(bytes, length, result);
 }
 

@@ -29,6 +29,9 @@ public:
     static QStringList getUdids();
     static QString getFirstUdid();
     static QString getMetaString(plist_t dict, const char* key);
+    // A malloc'ed copy of a string node's text (up to its first zero byte), or null
+    // when the node is no string. Use it for every text a device sends.
+    static char* copyString(plist_t node);
 
     // Property-list rendering into JSON-like text, appended to out.
     static void nodeToJson(QString& out, plist_t node);

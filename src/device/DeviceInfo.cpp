@@ -117,8 +117,7 @@ bool DeviceInfo::getValue(QString& out, const char* domain, const char* key, int
             break;
         }
         case PLIST_STRING: {
-            char* value = nullptr;
-            plist_get_string_val(node, &value);
+            char* value = DeviceHelper::copyString(node);
             out = QString::fromUtf8(value);
             free(value);
             break;

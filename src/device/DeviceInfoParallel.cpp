@@ -30,7 +30,11 @@ QString DeviceInfoParallel::readDevInfo(const QString& udid)
 {
     DeviceInfo info(nullptr, udid);
     QString out;
-    if (!info.getDevInfo(out, nullptr, nullptr, 0)) {
+    const bool ok = info.getDevInfo(out, nullptr, nullptr, 0);
+    // The session's destructor leaves its AFC client open; the worker releases the whole
+    // session itself so that no connection outlives the job.
+    info.cleanUp();
+    if (!ok) {
         qDebug() << "failed to getDevInfo";
         return QString();
     }
@@ -41,7 +45,9 @@ bool DeviceInfoParallel::writeDevProperty(const QString& udid, const QString& ke
                                           const QString& value)
 {
     DeviceInfo info(nullptr, udid);
-    return info.setDevProperty(key, value);
+    const bool ok = info.setDevProperty(key, value);
+    info.cleanUp();
+    return ok;
 }
 
 void DeviceInfoParallel::slotDataReady()

@@ -75,8 +75,7 @@ QString stringItem(plist_t dict, const char* key)
     plist_t node = dict ? plist_dict_get_item(dict, key) : nullptr;
     if (!node || plist_get_node_type(node) != PLIST_STRING)
         return QString();
-    char* value = nullptr;
-    plist_get_string_val(node, &value);
+    char* value = DeviceHelper::copyString(node);
     const QString text = QString::fromUtf8(value);
     free(value);
     return text;

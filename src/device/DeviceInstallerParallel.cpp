@@ -20,10 +20,27 @@ DeviceInstallerParallel::DeviceInstallerParallel(DeviceManager* manager, const O
 DeviceInstallerParallel::~DeviceInstallerParallel()
 {
     qDebug() << "DeviceInstallerParallel::~DeviceInstallerParallel";
-    delete mInstaller;
+    if (mInstaller)
+        delete mInstaller;
+    else
+        deleteSessionWhenReturned(mWatcher.future());
     mInstaller = nullptr;
     mManager = nullptr;
     mInfo = nullptr;
+}
+
+// A session this job never stored (its finish line came first, or the job goes before
+// its worker returns) would otherwise keep its device connections open for good: it is
+// deleted on this thread once the worker has returned it. The lines it emitted were
+// posted to the manager before that and are delivered as usual.
+void DeviceInstallerParallel::deleteSessionWhenReturned(const QFuture<DeviceInstaller*>& future)
+{
+    auto* reaper = new QFutureWatcher<DeviceInstaller*>();
+    connect(reaper, &QFutureWatcherBase::finished, reaper, [reaper] {
+        delete reaper->result();
+        reaper->deleteLater();
+    });
+    reaper->setFuture(future);
 }
 
 DeviceInstaller* DeviceInstallerParallel::getInstaller(const OperationInfo* info,

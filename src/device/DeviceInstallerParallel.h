@@ -16,7 +16,8 @@ class DeviceInstallerParallel : public QObject
 public:
     // Starts the worker at once.
     DeviceInstallerParallel(DeviceManager* manager, const OperationInfo* info);
-    // Deletes the stored session (its clean-up runs); a running worker is left to end.
+    // Deletes the stored session (its clean-up runs); a running worker is left to end,
+    // and the session it returns is deleted then.
     ~DeviceInstallerParallel() override;
 
     // The worker: builds the session, which runs the whole operation before returning.
@@ -26,6 +27,8 @@ public slots:
     void slotGetInstaller();
 
 private:
+    static void deleteSessionWhenReturned(const QFuture<DeviceInstaller*>& future);
+
     DeviceInstaller* mInstaller;
     DeviceManager* mManager;
     QFutureWatcher<DeviceInstaller*> mWatcher;

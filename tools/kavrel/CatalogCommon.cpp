@@ -22,4 +22,10 @@ DBManager* openCatalog(const QString& command)
     return db;
 }
 
+void preferQuickCommits(DBManager* db)
+{
+    db->execQuery(QStringLiteral("PRAGMA journal_mode=WAL"));
+    db->execQuery(QStringLiteral("PRAGMA synchronous=NORMAL"));
+}
+
 } // namespace kavrelcli

@@ -11,4 +11,9 @@ namespace kavrelcli {
 // and returns null when the database cannot be opened.
 DBManager* openCatalog(const QString& command);
 
+// For commands that store one row per app while a device job runs (sizes, icons): the
+// catalog switches to write-ahead logging with normal syncing, so a commit no longer
+// waits for the disk twice; a crash can lose the last commits, never the file.
+void preferQuickCommits(DBManager* db);
+
 } // namespace kavrelcli

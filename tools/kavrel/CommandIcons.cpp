@@ -36,8 +36,11 @@ bool writeIcon(const QByteArray& icon, const QString& path, bool libraryBytes)
     crush.standard_filters = libraryBytes ? 0 : 1;
     QByteArray name = QFile::encodeName(path);
     char* outName = nullptr;
+    // The converter names the file on standard output ("FILE : ") and ends failures
+    // with its own message; a success is finished here.
     const int converted = crush.process(name.data(), &outName);
-    printf("\n");
+    if (converted == 1)
+        printf("converted\n");
     fflush(stdout);
     free(outName);
     return converted == 1;
@@ -78,6 +81,7 @@ int runIcons(const QStringList& args)
     DBManager* db = openCatalog(QStringLiteral("icons"));
     if (!db)
         return 1;
+    preferQuickCommits(db);
     bool asked = false;
     const QStringList missing = missingApps(udid, ids, &asked);
     for (const QString& app : missing) {

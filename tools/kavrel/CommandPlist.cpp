@@ -2,6 +2,7 @@
 // device answers (DeviceHelper::nodeToJson).
 
 #include "Command.h"
+#include "DeviceCommon.h"
 
 #include "DeviceHelper.h"
 
@@ -19,6 +20,7 @@ static int failPlist(const QString& message)
 
 static int runPlist(const QStringList& args)
 {
+    quietLibraryLog();
     QCommandLineParser parser;
     parser.addPositionalArgument(QStringLiteral("FILE"),
                                  QStringLiteral("Property-list file, binary or XML."));

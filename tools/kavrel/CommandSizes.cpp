@@ -1,9 +1,11 @@
 // kavrel sizes: bundle and Documents sizes and the Apple ID of installed apps, one line
 // per app as the batches arrive (measured on the device unless the catalog has them).
 
+#include "CatalogCommon.h"
 #include "Command.h"
 #include "DeviceCommon.h"
 
+#include "DBManager.h"
 #include "DeviceManager.h"
 
 #include <QJsonArray>
@@ -60,6 +62,10 @@ int runSizes(const QStringList& args)
     const QString udid = chooseAttachedUdid(parser, QStringLiteral("sizes"));
     if (udid.isEmpty())
         return 1;
+    DBManager* db = openCatalog(QStringLiteral("sizes"));
+    if (!db)
+        return 1;
+    preferQuickCommits(db);
     bool asked = false;
     const QStringList missing = missingApps(udid, ids, &asked);
     for (const QString& app : missing) {

@@ -66,10 +66,10 @@ int OperationRunner::wait()
         if (mManager.canInstall())
             loop.quit();
     });
-    poll.start(100);
+    poll.start(20);
     loop.exec();
     // Lines the device sends after the operation ended (an archive's last status).
-    QTimer::singleShot(300, &loop, &QEventLoop::quit);
+    QTimer::singleShot(150, &loop, &QEventLoop::quit);
     loop.exec();
     if (mTerminal && !mRawLines)
         out() << "\r\033[K";
