@@ -7,6 +7,8 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake pkg-config clang libclang-rt-14-dev clang-format
   qtbase5-dev libqt5sql5-sqlite
+  # kavrel-desk: Qt Widgets come with qtbase5-dev; a font so text renders offscreen.
+  libqt5widgets5 fonts-dejavu-core
   libimobiledevice-dev libplist-dev libusbmuxd-dev
   libimobiledevice-utils ideviceinstaller libplist-utils usbmuxd
   libzip-dev zipcmp libdeflate-dev zlib1g-dev libssl-dev
