@@ -1,5 +1,5 @@
 // DeviceHelper's archive helpers: reading .ipa entries with their size cap and result
-// codes, turning buffers into property lists, and parsing AFC file information.
+// codes, and turning buffers into property lists.
 
 #include "DeviceHelper.h"
 #include "TestSupport.h"
@@ -59,8 +59,6 @@ private slots:
     void readZipEntry();
     void plistFromBuffer_data();
     void plistFromBuffer();
-    void parseAfcFileInfo_data();
-    void parseAfcFileInfo();
 
 private:
     QTemporaryDir mDir;
@@ -172,41 +170,6 @@ void TestArchive::plistFromBuffer()
     DeviceHelper::nodeToJson(out, result);
     plist_free(result);
     QCOMPARE(out, text);
-}
-
-void TestArchive::parseAfcFileInfo_data()
-{
-    QTest::addColumn<QStringList>("info");
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<unsigned>("size");
-    auto row = [](const char* name, const char* info, int kind, unsigned size) {
-        QTest::newRow(name) << QString(info).split(' ', Qt::SkipEmptyParts) << kind << size;
-    };
-    // Kind and size start at -5 and 77: keys that are absent leave them as they are.
-    row("regular file", "st_size 100 st_blocks 8 st_ifmt S_IFREG", 1, 100);
-    row("directory stops the walk", "st_ifmt S_IFDIR st_size 102", 2, 77);
-    row("directory size read before its kind", "st_size 102 st_ifmt S_IFDIR", 2, 102);
-    row("link is no known kind", "st_size 12 st_ifmt S_IFLNK LinkTarget /x", -5, 12);
-    row("dangling key is ignored", "st_ifmt S_IFREG st_size", 1, 77);
-}
-
-void TestArchive::parseAfcFileInfo()
-{
-    QFETCH(QStringList, info);
-    QFETCH(int, kind);
-    QFETCH(unsigned, size);
-
-    // Built like the list the device library hands out: malloc'ed, null-terminated, and
-    // freed with Utility::freeStringList (under AddressSanitizer a wrong free shows here).
-    char** list = static_cast<char**>(calloc(size_t(info.size()) + 1, sizeof(char*)));
-    for (int i = 0; i < info.size(); ++i)
-        list[i] = strdup(info.at(i).toLatin1().constData());
-    int gotKind = -5;
-    unsigned int gotSize = 77;
-    DeviceHelper::parseAfcFileInfo(list, &gotKind, &gotSize);
-    Utility::freeStringList(list);
-    QCOMPARE(gotKind, kind);
-    QCOMPARE(gotSize, size);
 }
 
 KAVREL_TEST_MAIN(TestArchive)
