@@ -1,5 +1,5 @@
 // DeviceHelper's archive helpers: reading .ipa entries with their size cap and result
-// codes, turning buffers into property lists, and parsing AFC file information.
+// codes, and turning buffers into property lists.
 
 #include "DeviceHelper.h"
 #include "TestSupport.h"
@@ -59,8 +59,6 @@ private slots:
     void readZipEntry();
     void plistFromBuffer_data();
     void plistFromBuffer();
-    void parseAfcFileInfo_data();
-    void parseAfcFileInfo();
 
 private:
     QTemporaryDir mDir;
@@ -115,9 +113,6 @@ void TestArchive::readZipEntry_data()
     row("base name without NODIR is missing", "App", "Info.plist", 0, -1, QByteArray(),
         "Warning: could not locate Info.plist in archive!");
     row("base name with NODIR", "App", "Info.plist", nodir, 0, serialized(true));
-    row("NODIR with a path does not match", "App", "Demo.app/Info.plist", nodir, -1, QByteArray(),
-        "Warning: could not locate Demo.app/Info.plist in archive!");
-    row("NOCASE", "App", "payload/demo.app/INFO.plist", ZIP_FL_NOCASE, 0, serialized(true));
     row("short read", "broken", kInfo, 0, -5, QByteArray(),
         "ERROR: zip_fread 5000 bytes from 'Payload/Demo.app/Info.plist'");
 }
@@ -160,8 +155,6 @@ void TestArchive::plistFromBuffer_data()
     QTest::newRow("binary magic with XML after it") << "bplist00" + xml << "";
     QTest::newRow("truncated binary") << binary.left(binary.size() / 2) << "";
     QTest::newRow("garbage") << QByteArray("not a property list") << "";
-    QTest::newRow("magic only") << QByteArray("bplist00") << "";
-    QTest::newRow("nothing") << QByteArray("") << "";
 }
 
 void TestArchive::plistFromBuffer()
@@ -177,44 +170,6 @@ void TestArchive::plistFromBuffer()
     DeviceHelper::nodeToJson(out, result);
     plist_free(result);
     QCOMPARE(out, text);
-}
-
-void TestArchive::parseAfcFileInfo_data()
-{
-    QTest::addColumn<QStringList>("info");
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<unsigned>("size");
-    auto row = [](const char* name, const char* info, int kind, unsigned size) {
-        QTest::newRow(name) << QString(info).split(' ', Qt::SkipEmptyParts) << kind << size;
-    };
-    // Kind and size start at -5 and 77: keys that are absent leave them as they are.
-    row("regular file", "st_size 100 st_blocks 8 st_ifmt S_IFREG", 1, 100);
-    row("directory stops the walk", "st_ifmt S_IFDIR st_size 102", 2, 77);
-    row("directory size read before its kind", "st_size 102 st_ifmt S_IFDIR", 2, 102);
-    row("link is no known kind", "st_size 12 st_ifmt S_IFLNK LinkTarget /x", -5, 12);
-    row("no keys", "", -5, 77);
-    row("size is parsed like atoi", "st_size 42abc st_ifmt S_IFREG", 1, 42);
-    row("keys are exact", "st_size_x 9 ST_IFMT S_IFREG", -5, 77);
-    row("dangling key is ignored", "st_ifmt S_IFREG st_size", 1, 77);
-}
-
-void TestArchive::parseAfcFileInfo()
-{
-    QFETCH(QStringList, info);
-    QFETCH(int, kind);
-    QFETCH(unsigned, size);
-
-    // Built like the list the device library hands out: malloc'ed, null-terminated, and
-    // freed with Utility::freeStringList (under AddressSanitizer a wrong free shows here).
-    char** list = static_cast<char**>(calloc(size_t(info.size()) + 1, sizeof(char*)));
-    for (int i = 0; i < info.size(); ++i)
-        list[i] = strdup(info.at(i).toLatin1().constData());
-    int gotKind = -5;
-    unsigned int gotSize = 77;
-    DeviceHelper::parseAfcFileInfo(list, &gotKind, &gotSize);
-    Utility::freeStringList(list);
-    QCOMPARE(gotKind, kind);
-    QCOMPARE(gotSize, size);
 }
 
 KAVREL_TEST_MAIN(TestArchive)

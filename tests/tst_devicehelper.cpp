@@ -126,7 +126,6 @@ void TestDeviceHelper::render_data()
     row("array of dictionaries", array({dict({{"A", num(1)}}), dict({{"B", num(2)}})}),
         "[{\"A\":1},{\"B\":2},]");
     row("array of strings", array({str("x"), str("y")}), "[\"x\"\"y\"]");
-    row("array of numbers", array({num(1), num(2)}), "[12]");
     row("nested and empty arrays", array({array({num(1)}), array({str("a")}), array({})}),
         "[[1][\"a\"][]]");
     // Skip list: all five names, exact and case-sensitive, at any depth.
@@ -138,9 +137,6 @@ void TestDeviceHelper::render_data()
               {"NANDInfo", data("n")},
               {"A", num(1)}}),
         "{\"A\":1},");
-    row("several skipped names after a value",
-        dict({{"A", num(1)}, {"NANDInfo", data("n")}, {"SDIOProductInfo", data("s")}}),
-        "{\"A\":1,},");
     row("skip test is exact and case-sensitive",
         dict({{"devicepublickey", num(3)}, {"NANDInfoX", num(4)}}),
         "{\"devicepublickey\":3,\"NANDInfoX\":4},");
@@ -150,25 +146,20 @@ void TestDeviceHelper::render_data()
     // Scalars.
     row("false", plist_new_bool(0), "\"false\"");
     row("largest unsigned", num(UINT64_MAX), "18446744073709551615");
-    row("real 0.5", plist_new_real(0.5), "0.5");
     row("real 1234567", plist_new_real(1234567.0), "1.23457e+06");
     row("string is not escaped", str("a\"b\\c"), "\"a\"b\\c\"");
-    row("string with place marker", str("%1 %2"), "\"%1 %2\"");
     row("string decoded as UTF-8", str("Gr\xc3\xbc\xc3\x9f"),
         QString::fromUtf8("\"Gr\xc3\xbc\xc3\x9f\""));
     row("data as base64", data("abc"), "\"YWJj\"");
-    row("data with padding", data(QByteArray(1, '\0')), "\"AA==\"");
     row("long data has no line breaks", data(QByteArray(120, '\xff')),
         "\"" + QString(160, QLatin1Char('/')) + "\"");
     row("empty data is unknown", data(QByteArray()), "\"unknown\"");
     row("key node renders raw", key("Serial"), "Serial");
-    row("uid renders nothing", plist_new_uid(7), "");
     row("uid value leaves an empty item", dict({{"U", plist_new_uid(7)}, {"A", num(1)}}),
         "{\"U\":,\"A\":1},");
     row("date in local time", plist_new_date(0, 0), "\"1969-12-31T19:00:00Z\"");
     row("date, microseconds ignored", dict({{"D", plist_new_date(1600000000, 999999)}}),
         "{\"D\":\"2020-09-13T07:26:40Z\"},");
-    row("date, negative seconds", plist_new_date(-86400, 0), "\"1969-12-30T19:00:00Z\"");
     row("no node", nullptr, "");
 }
 
@@ -208,7 +199,6 @@ void TestDeviceHelper::getters_data()
     row("string", QString::fromUtf8("K\xc3\xa9y"), "utf8 key");
     row("string", "Nope", "initial", missing);
     row("string", "Count", "initial", "Error: failed to get key: Count");
-    row("string", "", "initial");
     row("uint", "Count", "42");
     row("uint", "Big", "18446744073709551615");
     row("uint", "Text", "99"); // silently kept
@@ -216,12 +206,9 @@ void TestDeviceHelper::getters_data()
     row("list", "Mixed", "old|a|b|c"); // appends the strings in order
     row("list", "Numbers", "old");
     row("list", "NotArray", "old", "no values for key: NotArray");
-    row("list", "Nope", "old", "no values for key: Nope");
     row("first", "Mixed", "a");
-    row("first", "Numbers", "initial");
     row("first", "NotArray", "initial", "no values for key: NotArray");
     row("meta", "Name", cafe);
-    row("meta", "Count", "");
     row("meta", "", "", noMeta); // null key
     row("meta of nothing", "Name", "", noMeta);
 }
@@ -256,10 +243,7 @@ void TestDeviceHelper::kavrelPlist_data()
     const QByteArray sampleText = "{\"A\":1,\"B\":\"x\"},\n";
     row("binary.plist", kavreltest::plistBytes(sample(), true), 0, sampleText);
     row("xml.plist", kavreltest::plistBytes(sample(), false), 0, sampleText);
-    row("utf8.plist", kavreltest::plistBytes(dict({{"N", str("Jos\xc3\xa9")}}), true), 0,
-        "{\"N\":\"Jos\xc3\xa9\"},\n");
     row("missing.plist", QByteArray(), 1, "", "No such file or directory");
-    row("folder", "/", 1, "", "is a directory");
     row("cut.plist", kavreltest::plistBytes(sample(), true).left(20), 1, "",
         "is not a property list");
     row("", QByteArray(), 2, "", "exactly one FILE");

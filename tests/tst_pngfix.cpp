@@ -42,7 +42,6 @@ class TestPngfix : public QObject
 private slots:
     void convertsInPlaceAndPngcheckAccepts();
     void reportsEveryFileIntoOutDir();
-    void infoAndChunkListing();
 
 private:
     QTemporaryDir mDir;
@@ -93,20 +92,6 @@ void TestPngfix::reportsEveryFileIntoOutDir()
     QImage image;
     QVERIFY(image.load(out + "/good.png", "PNG"));
     QCOMPARE(pngfix({}).exitCode, 2);
-}
-
-void TestPngfix::infoAndChunkListing()
-{
-    const QString path = mDir.filePath("info.png");
-    QVERIFY(writeFile(path, iconFile(true)));
-    const ProgramRun r = pngfix({"--info", "--list-chunks", path});
-    QCOMPARE(r.exitCode, 0);
-    const QStringList lines = QString::fromLocal8Bit(r.out).split('\n');
-    QCOMPARE(lines.value(0), path + " :");
-    QVERIFY(lines.value(1).startsWith("    chunk : CgBI  length      4  CRC32 "));
-    QVERIFY(lines.contains("    image width        : 57"));
-    QVERIFY(lines.contains("    swapping BGR(A) to RGB(A)"));
-    QCOMPARE(lines.value(lines.size() - 2), "converted to " + path);
 }
 
 KAVREL_TEST_MAIN(TestPngfix)

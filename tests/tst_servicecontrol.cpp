@@ -1,18 +1,14 @@
 // Service check and start: CProcCheckAMD/CProcStartAMD driven through the event loop
-// against `sc` programs of the test's own, the shipped scripts/sc, and `kavrel service`.
+// against `sc` programs of the test's own, and `kavrel service`.
 
 #include "CProcCheckAMD.h"
 #include "CProcStartAMD.h"
 #include "TestSupport.h"
 
-#include <QMetaMethod>
-#include <QScopeGuard>
 #include <QSignalSpy>
 #include <cerrno>
 #include <memory>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -104,70 +100,21 @@ struct Wrapper
     std::unique_ptr<QSignalSpy> answers;
 };
 
-// A UNIX socket bound at path: listening (a running daemon; the descriptor is returned),
-// or closed at once, so that the file stays and refuses connections (what a crashed one
-// leaves; 0 is returned). -1 on failure.
-int bindSocket(const QString& path, bool listening)
-{
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    qstrncpy(addr.sun_path, QFile::encodeName(path).constData(), sizeof(addr.sun_path));
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-        (listening && ::listen(fd, 8) != 0))
-        return -1;
-    if (listening)
-        return fd;
-    ::close(fd);
-    return 0;
-}
-
-// The class's own methods in index order: kind, access, signature, parameter names.
-QStringList ownMethods(const QMetaObject& mo)
-{
-    QStringList methods;
-    for (int i = mo.methodOffset(); i < mo.methodCount(); ++i) {
-        const QMetaMethod m = mo.method(i);
-        methods << QStringLiteral("%1 %2 %3 %4")
-                       .arg(m.methodType() == QMetaMethod::Signal ? "signal" : "slot",
-                            m.access() == QMetaMethod::Public ? "public" : "private",
-                            m.methodSignature(), m.parameterNames().join(','));
-    }
-    return methods;
-}
-
 } // namespace
 
 class TestServiceControl : public QObject
 {
     Q_OBJECT
 private slots:
-    void metaObjectMethods();
     void runs_data();
     void runs();
     void destroyedWrapperEndsChildWithoutAnswer_data();
     void destroyedWrapperEndsChildWithoutAnswer();
     void unstartableScSendsNoAnswer_data();
     void unstartableScSendsNoAnswer();
-    void shippedSc_data();
-    void shippedSc();
     void hostCommand_data();
     void hostCommand();
 };
-
-void TestServiceControl::metaObjectMethods()
-{
-    const QString finished = "slotProcFinished(int,QProcess::ExitStatus) exitCode,exitStatus";
-    QCOMPARE(ownMethods(CProcBase::staticMetaObject),
-             QStringList({"slot public slotProcStartd() ", "slot public " + finished,
-                          "slot public slotProcError(QProcess::ProcessError) error",
-                          "slot public slotProcStateChanged(QProcess::ProcessState) "}));
-    QCOMPARE(ownMethods(CProcCheckAMD::staticMetaObject),
-             QStringList(
-                 {"signal public signalServiceRunning(bool) running", "slot public " + finished}));
-    QCOMPARE(ownMethods(CProcStartAMD::staticMetaObject),
-             QStringList({"signal public signalStartAMD(bool) suc", "slot private " + finished}));
-}
 
 void TestServiceControl::runs_data()
 {
@@ -183,11 +130,8 @@ void TestServiceControl::runs_data()
     const QByteArray pending = printing(kStartPending);
     row("check: running", {running}, "1");
     row("check: stopped", {stopped}, "0");
-    row("check: no output", {"exit 0\n"}, "0");
-    row("check: marker anywhere", {"echo 'NOT RUNNING YET'\n"}, "1");
     row("check: marker is case-sensitive", {"echo 'state: running'\n"}, "0");
     row("check: text ends at a zero byte", {"printf 'STOPPED\\000RUNNING\\n'\n"}, "0");
-    row("check: standard error not read", {"echo RUNNING >&2\n"}, "0");
     // The override logs before the base stores the output, and the destructors log last.
     row("check: exit code not judged", {"echo RUNNING; exit 3\n"}, "1",
         {"CProcCheckAMD::checkIfRunning", "CProcBase::slotProcStateChanged, state: 1",
@@ -198,19 +142,14 @@ void TestServiceControl::runs_data()
     row("check: crash answers from the earlier output", {running, stopped + kCrash}, "11",
         {"CProcCheckAMD::slotProcFinished, exitCode: 9, exitStatus: 1"});
     row("check: crash output is never read", {stopped, running + kCrash}, "00");
-    row("check: crash on the first run", {kCrash}, "0");
-    row("check: a normal run replaces the output", {running, stopped}, "10");
-    row("check: a silent normal run clears it", {running, "exit 0\n"}, "10");
     row("start: accepted", {pending}, "1");
     row("start: already running", {printing(kAlreadyRunning)}, "0");
-    row("start: marker is case-sensitive", {"echo service_exit_code\n"}, "0");
     row("start: failure exit code not judged", {"echo 'SERVICE_EXIT_CODE : 0'; exit 2\n"}, "1",
         {"CProcStartAMD::startAMD", "CProcStartAMD::slotProcFinished, exitCode:  2 , exitStatus 0",
          "CProcBase::slotProcFinished, exitCode: 2", "result: \"SERVICE_EXIT_CODE : 0\\n\"",
          "CProcBase::~CProcBase"});
     row("start: no output, no result line", {"exit 0\n"}, "0",
         {"CProcStartAMD::slotProcFinished, exitCode:  0 , exitStatus 0", "!result: "});
-    row("start: crash answers from the earlier output", {pending, kCrash}, "11");
 }
 
 void TestServiceControl::runs()
@@ -249,7 +188,6 @@ void TestServiceControl::destroyedWrapperEndsChildWithoutAnswer_data()
 {
     QTest::addColumn<QString>("kind");
     QTest::newRow("check") << "check";
-    QTest::newRow("start") << "start";
 }
 
 void TestServiceControl::destroyedWrapperEndsChildWithoutAnswer()
@@ -307,80 +245,6 @@ void TestServiceControl::unstartableScSendsNoAnswer()
     QVERIFY(!log.contains("slotProcFinished"));
 }
 
-void TestServiceControl::shippedSc_data()
-{
-    QTest::addColumn<QStringList>("args");
-    QTest::addColumn<QString>("socket"); // listening, missing, dead
-    QTest::addColumn<QString>("daemon"); // none, ok, fails
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QByteArray>("expected");
-    QTest::addColumn<int>("answer"); // the wrapper's answer through this sc; -1: not asked
-    auto row = [](const char* name, const QStringList& args, const char* socket, const char* daemon,
-                  int exitCode, const QByteArray& expected, int answer) {
-        QTest::newRow(name) << args << socket << daemon << exitCode << expected << answer;
-    };
-    const QByteArray missing = "The specified service does not exist as an installed service.\n\n";
-    const QStringList query{"query", "Apple Mobile Device"}, start{"start", "Apple Mobile Device"};
-    row("query, running", query, "listening", "none", 0, "STATE              : 4  RUNNING\n", 1);
-    row("query, no socket", query, "missing", "none", 0, "STATE              : 1  STOPPED\n", 0);
-    row("query, socket refuses", query, "dead", "none", 0, "STATE              : 1  STOPPED\n", 0);
-    row("query, other service", {"query", "Spooler"}, "listening", "none", 1,
-        "[SC] EnumQueryServicesStatus:OpenService FAILED 1060:\n\n" + missing, -1);
-    row("start, running", start, "listening", "none", 1, kAlreadyRunning, 0);
-    row("start, simulated device cannot be started", start, "missing", "none", 1,
-        "[SC] StartService FAILED 1058:\n", 0);
-    row("start, daemon starts", start, "missing", "ok", 0,
-        "STATE              : 2  START_PENDING\n", 1);
-    row("start, daemon fails", start, "dead", "fails", 1,
-        ::geteuid() == 0 ? "[SC] StartService FAILED 1053:\n" : "[SC] StartService FAILED 5:\n", 0);
-}
-
-void TestServiceControl::shippedSc()
-{
-    QFETCH(QStringList, args);
-    QFETCH(QString, socket);
-    QFETCH(QString, daemon);
-    QFETCH(int, exitCode);
-    QFETCH(QByteArray, expected);
-    QFETCH(int, answer);
-
-    QTemporaryDir dir;
-    const QString socketPath = dir.filePath("sim.sock");
-    const int server = socket == "missing" ? 0 : bindSocket(socketPath, socket == "listening");
-    QVERIFY(server >= 0);
-    // The process's own environment, so that the wrappers' sc sees it too.
-    const QByteArray oldPath = qgetenv("PATH");
-    auto restore = qScopeGuard([&] {
-        if (server > 0)
-            ::close(server);
-        qputenv("PATH", oldPath);
-        qunsetenv("KAVREL_SIM_SOCKET");
-        qunsetenv("KAVREL_USBMUXD");
-    });
-    qputenv("PATH", KAVREL_SOURCE_DIR "/scripts:" + oldPath);
-    qputenv("KAVREL_SIM_SOCKET", QFile::encodeName(socketPath));
-    qunsetenv("USBMUXD_SOCKET_ADDRESS");
-    const QString daemonRecord = dir.filePath("daemon-ran");
-    if (daemon != "none") {
-        const QString program = dir.filePath("fake-usbmuxd");
-        QVERIFY(writeScript(program, "touch '" + QFile::encodeName(daemonRecord) + "'\nexit " +
-                                         (daemon == "ok" ? "0" : "1") + "\n"));
-        qputenv("KAVREL_USBMUXD", QFile::encodeName(program));
-    }
-
-    const kavreltest::ProgramRun run =
-        kavreltest::runProgram(QStringLiteral(KAVREL_SOURCE_DIR "/scripts/sc"), args);
-    QVERIFY2(run.out.contains(expected), run.out.constData());
-    QCOMPARE(run.exitCode, exitCode);
-    QCOMPARE(run.err, QByteArray());
-    QCOMPARE(QFile::exists(daemonRecord), daemon != "none");
-    // Only an accepted start request carries the exit-code field the start check looks for.
-    if (args.first() == "start")
-        QCOMPARE(run.out.contains("SERVICE_EXIT_CODE"), exitCode == 0);
-    if (answer >= 0)
-        QCOMPARE(Wrapper(args.first() == "query" ? "check" : "start").ask(), answer);
-}
-
 void TestServiceControl::hostCommand_data()
 {
     QTest::addColumn<QStringList>("args");
@@ -405,7 +269,6 @@ void TestServiceControl::hostCommand_data()
     row("no sc", {"check"}, "", 2, "", "no 'sc' program on PATH");
     row("sc never answers", {"check", "--timeout", "1"}, "exec sleep 30\n", 2, "",
         "sc gave no answer within 1 s");
-    row("bad action", {"stop"}, printing(kRunningQuery), 2, "", "give one action, check or start");
 }
 
 void TestServiceControl::hostCommand()

@@ -1,5 +1,5 @@
-// DeviceInfo's single-value reads in each mode, the disk-usage summary read twice on
-// one session, and the table of known lockdown domains.
+// DeviceInfo's single-value reads in each mode and the disk-usage summary read twice on
+// one session.
 
 #include "DevSim.h"
 #include "DeviceInfo.h"
@@ -107,22 +107,6 @@ private slots:
         QString third;
         QVERIFY(!info.getDiskUsageInfo(third));
         QCOMPARE(third, QString());
-    }
-
-    void knownDomains()
-    {
-        int count = 0;
-        for (const char* const* d = DeviceInfo::knownDomains(); *d; ++d)
-            ++count;
-        QCOMPARE(count, 24);
-        QCOMPARE(QString::fromLatin1(DeviceInfo::knownDomains()[0]),
-                 QStringLiteral("com.apple.disk_usage"));
-        QVERIFY(DeviceInfo::containsKnownDomain("domain com.apple.mobile.battery here"));
-        // "com.apple.iTunes" is in the table, so any longer name containing it matches.
-        QVERIFY(DeviceInfo::containsKnownDomain("com.apple.iTunesX"));
-        QVERIFY(!DeviceInfo::containsKnownDomain("com.apple.mobile"));
-        QVERIFY(!DeviceInfo::containsKnownDomain(""));
-        QVERIFY(!DeviceInfo::containsKnownDomain(nullptr));
     }
 
 private:

@@ -1,23 +1,18 @@
-// kavrel-devsim under hostile and heavy use: malformed usbmuxd, lockdown, AFC and app
-// service input gets an error answer or a closed connection, never a crash, and eight
-// clients are served at the same time.
+// kavrel-devsim under hostile use: malformed usbmuxd, lockdown, AFC and app
+// service input gets an error answer or a closed connection, never a crash.
 
 #include "DevSim.h"
 #include "TestSupport.h"
 
 #include <QElapsedTimer>
-#include <QSemaphore>
 #include <QtEndian>
 
 #include <arpa/inet.h>
-#include <atomic>
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 using namespace kavreltest;
 
@@ -209,7 +204,6 @@ private slots:
     void malformedAfcInput_data();
     void malformedAfcInput();
     void randomBytesNeverCrash();
-    void eightClientsAtOnce();
 
 private:
     DevSim mSim;
@@ -238,31 +232,14 @@ void TestDevsimRobust::malformedUsbmuxInput_data()
     QTest::addColumn<qint64>("expectedResult"); // -2: no answer
     QTest::addColumn<bool>("closed");
 
-    plist_t noType = plist_new_dict();
-    plist_dict_set_item(noType, "Foo", plist_new_string("bar"));
-    plist_t noPort = plist_new_dict();
-    plist_dict_set_item(noPort, "MessageType", plist_new_string("Connect"));
-    plist_dict_set_item(noPort, "DeviceID", plist_new_uint(1));
-
     QTest::newRow("truncated header") << QByteArray("\x20\0\0\0\x01\0", 6) << qint64(-2) << true;
-    QTest::newRow("length smaller than header")
-        << le32(8) + le32(1) + le32(8) + le32(1) << qint64(1) << true;
     QTest::newRow("oversized length")
         << le32(0x7fffffff) + le32(1) + le32(8) + le32(1) << qint64(1) << true;
-    QTest::newRow("truncated body") << muxRequest("ListDevices").left(40) << qint64(-2) << true;
     QTest::newRow("invalid plist")
         << muxPacket("<plist><dict><key>MessageType") << qint64(1) << false;
-    QTest::newRow("binary garbage")
-        << muxPacket(QByteArray("bplist00\xff\xff\xff", 11)) << qint64(1) << false;
-    QTest::newRow("no MessageType") << muxPacket(plistBytes(noType, false)) << qint64(1) << false;
     QTest::newRow("unknown command") << muxRequest("Explode") << qint64(1) << false;
-    QTest::newRow("binary protocol") << muxPacket(QByteArray(8, '\0'), 0, 3) << qint64(1) << false;
-    QTest::newRow("unknown version") << muxPacket(QByteArray(), 7, 8) << qint64(6) << false;
     QTest::newRow("connect, unknown device")
         << muxRequest("Connect", 999, 62078) << qint64(2) << false;
-    QTest::newRow("connect, closed port") << muxRequest("Connect", 1, 50000) << qint64(3) << false;
-    QTest::newRow("connect without port")
-        << muxPacket(plistBytes(noPort, false)) << qint64(1) << false;
     QTest::newRow("missing pair record") << muxRequest("ReadPairRecord") << qint64(22) << false;
 }
 
@@ -303,48 +280,28 @@ void TestDevsimRobust::malformedPlistInput_data()
 
     const QByteArray notPlist = framed("this is no property list");
     const QByteArray array = framed(plistBytes(plist_new_array(), false));
-    const QByteArray truncated = framed(QByteArray(100, 'x')).left(30);
     const QByteArray huge = QByteArray("\x7f\xff\xff\xff") + "abc";
     const char* ld = "lockdown";
     QTest::newRow("lockdown: huge length") << ld << QByteArray("\xff\xff\xff\xff", 4) << "<closed>";
-    QTest::newRow("lockdown: truncated") << ld << truncated << "<silent>";
+    QTest::newRow("lockdown: truncated")
+        << ld << framed(QByteArray(100, 'x')).left(30) << "<silent>";
     QTest::newRow("lockdown: not a plist") << ld << notPlist << "Error=InvalidRequest";
-    QTest::newRow("lockdown: not a dictionary") << ld << array << "Error=InvalidRequest";
-    QTest::newRow("lockdown: unknown request")
-        << ld << request("Request", "SelfDestruct") << "Error=InvalidRequest";
     QTest::newRow("lockdown: service without session")
         << ld << request("Request", "StartService", "com.apple.afc") << "Error=SessionInactive";
-    QTest::newRow("lockdown: service without name")
-        << ld << request("Request", "StartService") << "Error=MissingService";
-    QTest::newRow("lockdown: session without host")
-        << ld << request("Request", "StartSession") << "Error=MissingHostID";
-    QTest::newRow("lockdown: pair without record")
-        << ld << request("Request", "Pair") << "Error=InvalidPairRecord";
     const char* ip = "com.apple.mobile.installation_proxy";
-    QTest::newRow("instproxy: not a plist") << ip << notPlist << "Error=MissingCommand";
     QTest::newRow("instproxy: unknown command")
         << ip << request("Command", "Explode") << "Error=UnknownCommand";
-    QTest::newRow("instproxy: install without path")
-        << ip << request("Command", "Install") << "Error=MissingPackagePath";
-    QTest::newRow("instproxy: uninstall without id")
-        << ip << request("Command", "Uninstall") << "Error=MissingApplicationIdentifier";
-    QTest::newRow("instproxy: truncated") << ip << truncated << "<silent>";
     QTest::newRow("instproxy: oversized") << ip << huge << "<closed>";
     const char* ha = "com.apple.mobile.house_arrest";
-    QTest::newRow("house_arrest: not a plist") << ha << notPlist << "Error=MissingCommand";
     QTest::newRow("house_arrest: no identifier")
         << ha << request("Command", "VendContainer") << "Error=MissingIdentifier";
-    QTest::newRow("house_arrest: oversized") << ha << huge << "<closed>";
     const char* sb = "com.apple.springboardservices";
     QTest::newRow("springboard: unknown command")
         << sb << request("command", "explode") << "Error=UnknownCommand";
-    QTest::newRow("springboard: icon without id")
-        << sb << request("command", "getIconPNGData") << "pngData";
     const char* np = "com.apple.mobile.notification_proxy";
     QTest::newRow("notification_proxy: junk, then shutdown")
         << np << notPlist + array + request("Command", "Explode") + request("Command", "Shutdown")
         << "Command=ProxyDeath";
-    QTest::newRow("notification_proxy: oversized") << np << huge << "<closed>";
 }
 
 void TestDevsimRobust::malformedPlistInput()
@@ -388,13 +345,8 @@ void TestDevsimRobust::malformedAfcInput_data()
 
     QTest::newRow("bad magic") << QByteArray("XXXXXXXX") + QByteArray(32, '\0') << qint64(-1);
     QTest::newRow("header length below 40") << afcPacket(0x0A, "/", 1, 20) << qint64(2);
-    QTest::newRow("oversized operation data") << afcPacket(0x0A, "/", 1, 1ll << 40) << qint64(2);
     QTest::newRow("read with unknown handle") << afcPacket(0x0F, le64(77) + le64(10)) << qint64(7);
-    QTest::newRow("open without path") << afcPacket(0x0D, le64(1).left(3)) << qint64(7);
-    QTest::newRow("open with bad mode") << afcPacket(0x0D, le64(99) + "/x") << qint64(7);
     QTest::newRow("unknown operation") << afcPacket(0x99, "") << qint64(6);
-    QTest::newRow("close unknown handle") << afcPacket(0x14, le64(5)) << qint64(7);
-    QTest::newRow("remove the root") << afcPacket(0x08, QByteArray("/", 2)) << qint64(10);
 }
 
 void TestDevsimRobust::malformedAfcInput()
@@ -437,40 +389,6 @@ void TestDevsimRobust::randomBytesNeverCrash()
         client.send(bytes);
         client.read(1 << 16, 50);
     }
-}
-
-void TestDevsimRobust::eightClientsAtOnce()
-{
-    const auto clientFile = [](int i) { return "/Downloads/client" + QString::number(i) + ".bin"; };
-    constexpr int kClients = 8;
-    QSemaphore opened;
-    QSemaphore proceed;
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kClients; ++i) {
-        threads.emplace_back([&, i] {
-            Session session(kPhone);
-            Afc afc(session.afc());
-            opened.release();
-            // Every client holds its sessions open until all eight are in: a simulator
-            // serving one client at a time never gets there.
-            const bool ok = proceed.tryAcquire(1, 60000) && afc &&
-                            writeAfcFile(afc.get(), clientFile(i), QByteArray(256 * 1024 + i, 'a'));
-            plist_t value = nullptr;
-            if (!ok || lockdownd_get_value(session.lockdown, nullptr, "DeviceName", &value) !=
-                           LOCKDOWN_E_SUCCESS)
-                ++failures;
-            plist_free(value);
-        });
-    }
-    const bool allOpened = opened.tryAcquire(kClients, 60000);
-    proceed.release(kClients);
-    for (auto& thread : threads)
-        thread.join();
-    QVERIFY(allOpened);
-    QCOMPARE(failures.load(), 0);
-    for (int i = 0; i < kClients; ++i)
-        QCOMPARE(QFileInfo(mSim.mediaDir(kPhone) + clientFile(i)).size(), qint64(256 * 1024 + i));
 }
 
 KAVREL_TEST_MAIN(TestDevsimRobust)

@@ -368,23 +368,6 @@ afc_client_t Session::afc(const char* service)
     return client;
 }
 
-QStringList readDirectory(afc_client_t afc, const QString& path, afc_error_t* error)
-{
-    char** list = nullptr;
-    const afc_error_t rc = afc_read_directory(afc, path.toUtf8().constData(), &list);
-    if (error)
-        *error = rc;
-    QStringList out;
-    for (int i = 0; list && list[i]; ++i)
-        out << QString::fromUtf8(list[i]);
-    if (list)
-        afc_dictionary_free(list);
-    out.removeAll(".");
-    out.removeAll("..");
-    out.sort();
-    return out;
-}
-
 QByteArray readAfcFile(afc_client_t afc, const QString& path, uint32_t chunk)
 {
     uint64_t handle = 0;
@@ -445,26 +428,6 @@ quint64 uintOf(plist_t dict, const char* key, quint64 fallback)
     uint64_t value = 0;
     plist_get_uint_val(node, &value);
     return value;
-}
-
-QStringList keysOf(plist_t dict)
-{
-    QStringList keys;
-    if (!dict || plist_get_node_type(dict) != PLIST_DICT)
-        return keys;
-    plist_dict_iter it = nullptr;
-    plist_dict_new_iter(dict, &it);
-    char* key = nullptr;
-    plist_t value = nullptr;
-    for (plist_dict_next_item(dict, it, &key, &value); key;
-         plist_dict_next_item(dict, it, &key, &value)) {
-        keys << QString::fromUtf8(key);
-        free(key);
-        key = nullptr;
-    }
-    free(it);
-    keys.sort();
-    return keys;
 }
 
 } // namespace kavreltest

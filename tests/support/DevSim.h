@@ -143,8 +143,6 @@ struct AfcFree
 };
 using Afc = std::unique_ptr<afc_client_private, AfcFree>;
 
-// The names in a folder without "." and "..", sorted.
-QStringList readDirectory(afc_client_t afc, const QString& path, afc_error_t* error = nullptr);
 // A whole file read in pieces of chunk bytes; empty when it cannot be opened.
 QByteArray readAfcFile(afc_client_t afc, const QString& path, uint32_t chunk = 65536);
 // Writes the bytes in pieces of chunk bytes; false unless every write was taken whole.
@@ -154,9 +152,8 @@ bool writeAfcFile(afc_client_t afc, const QString& path, const QByteArray& bytes
 QMap<QString, QString> afcFileInfo(afc_client_t afc, const QString& path, afc_error_t* error);
 
 // Values of a property-list dictionary: a string (empty unless one), an unsigned number
-// (fallback unless one), the sorted keys.
+// (fallback unless one).
 QString stringOf(plist_t dict, const char* key);
 quint64 uintOf(plist_t dict, const char* key, quint64 fallback = ~0ull);
-QStringList keysOf(plist_t dict);
 
 } // namespace kavreltest
