@@ -9,12 +9,13 @@
 #include <QImage>
 #include <QRegularExpression>
 #include <QTemporaryDir>
+#include <QTemporaryFile>
+#include <QtEndian>
 
 #include <libdeflate.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <unistd.h>
 
 using namespace kavreltest;
@@ -23,51 +24,9 @@ Q_DECLARE_METATYPE(kavreltest::Bytes)
 
 namespace {
 
-// Redirects the process's standard output into a file while it lives; text() gives
-// what was written. PngCrush reports with printf/puts only.
-class StdoutCapture
-{
-public:
-    StdoutCapture()
-    {
-        fflush(stdout);
-        mPath = mDir.filePath(QStringLiteral("stdout.txt"));
-        mSaved = dup(STDOUT_FILENO);
-        const int fd =
-            open(QFile::encodeName(mPath).constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, STDOUT_FILENO);
-        close(fd);
-    }
-    ~StdoutCapture() { restore(); }
-    QString text()
-    {
-        restore();
-        return QString::fromLocal8Bit(readFile(mPath));
-    }
-
-private:
-    void restore()
-    {
-        if (mSaved < 0)
-            return;
-        fflush(stdout);
-        dup2(mSaved, STDOUT_FILENO);
-        close(mSaved);
-        mSaved = -1;
-    }
-    QTemporaryDir mDir;
-    QString mPath;
-    int mSaved = -1;
-};
-
 QByteArray toQt(const Bytes& b)
 {
     return QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size()));
-}
-
-Bytes fromQt(const QByteArray& b)
-{
-    return Bytes(b.begin(), b.end());
 }
 
 struct Run
@@ -77,26 +36,32 @@ struct Run
     QString outName; // empty when process() left it unset
 };
 
+// PngCrush reports with printf/puts only, so its standard output goes to a file meanwhile.
 Run runCrush(PngCrush& crush, const QString& path)
 {
+    QTemporaryFile log;
+    if (!log.open())
+        return Run{-1, {}, {}};
     QByteArray name = QFile::encodeName(path);
     char* outName = nullptr;
     Run run;
-    {
-        StdoutCapture capture;
-        run.result = crush.process(name.data(), &outName);
-        run.output = capture.text();
-    }
+    fflush(stdout);
+    const int saved = dup(STDOUT_FILENO);
+    dup2(log.handle(), STDOUT_FILENO);
+    run.result = crush.process(name.data(), &outName);
+    fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    run.output = QString::fromLocal8Bit(readFile(log.fileName()));
     if (outName)
         run.outName = QFile::decodeName(outName);
     free(outName);
     return run;
 }
 
-Run runCrush(const QString& path)
+Bytes fromQt(const QByteArray& b)
 {
-    PngCrush crush;
-    return runCrush(crush, path);
+    return Bytes(b.begin(), b.end());
 }
 
 Bytes rawDeflate(const Bytes& raw)
@@ -108,36 +73,50 @@ Bytes rawDeflate(const Bytes& raw)
     return out;
 }
 
-Bytes crushedWithData(uint32_t w, uint32_t h, int colorType, int interlace, const Bytes& idat)
-{
-    Bytes f{137, 80, 78, 71, 13, 10, 26, 10};
-    for (const Bytes& c : {chunk("CgBI", {0x50, 0, 0x20, 6}), ihdr(w, h, 8, colorType, interlace),
-                           chunk("IDAT", idat), chunk("IEND", {})})
-        f.insert(f.end(), c.begin(), c.end());
-    return f;
-}
-
 PngRecipe rgbaRecipe(uint32_t w, uint32_t h)
 {
     PngRecipe s;
     s.width = w;
     s.height = h;
-    s.colorType = 6;
     s.pixels = testPixels(w, h, 6, w * 31 + h);
     return s;
 }
 
-// The row operations one byte at a time, straight from their definition, to check the
-// converter's vectorised loops against on many random rows.
-int refPaeth(int a, int b, int c)
+// Pixels of the converted file at path that differ from the recipe's (-1: unreadable,
+// which includes a wrong CRC). Colours are stored premultiplied unless the recipe says
+// otherwise, and come back demultiplied with rounding when fixAlpha is set.
+int wrongPixels(const PngRecipe& recipe, const QString& path, bool fixAlpha = true)
 {
-    const int p = a + b - c;
-    const int pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
-    if (pa <= pb && pa <= pc)
-        return a;
-    return pb <= pc ? b : c;
+    QImage image;
+    if (!image.load(path, "PNG") || image.size() != QSize(int(recipe.width), int(recipe.height)))
+        return -1;
+    const int n = channels(recipe.colorType);
+    int wrong = 0;
+    for (uint32_t y = 0; y < recipe.height; ++y) {
+        for (uint32_t x = 0; x < recipe.width; ++x) {
+            const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * n];
+            const QRgb got = image.pixel(int(x), int(y));
+            if (n == 3) {
+                wrong += got != qRgb(p[0], p[1], p[2]);
+                continue;
+            }
+            if (p[3] == 0) { // QImage drops the colour of invisible pixels
+                wrong += qAlpha(got) != 0;
+                continue;
+            }
+            int c[3];
+            for (int i = 0; i < 3; ++i) {
+                const unsigned stored = recipe.premultiply ? premultiplied(p[i], p[3]) : p[i];
+                c[i] = fixAlpha ? ((stored * 255 + p[3] / 2) / p[3]) & 0xFF : stored;
+            }
+            wrong += got != qRgba(c[0], c[1], c[2], p[3]);
+        }
+    }
+    return wrong;
 }
 
+// The row operations one byte at a time, straight from their definition, to check the
+// converter's vectorised loops against on many random rows.
 int refLeft(const QByteArray& buf, int at)
 {
     return at >= 0 ? uint8_t(buf[at]) : 0;
@@ -169,7 +148,7 @@ void refRemove(QByteArray& buf, int width, int height)
         case 4:
             for (int i = 0; i < n; ++i) {
                 const int left = i == 0 ? 0 : refLeft(buf, x + i - 4);
-                set(i, X(i) + (y == 0 ? left : refPaeth(left, P(i), i >= 4 ? P(i - 4) : 0)));
+                set(i, X(i) + (y == 0 ? left : paeth(left, P(i), i >= 4 ? P(i - 4) : 0)));
             }
             break;
         }
@@ -208,7 +187,7 @@ void refApply(QByteArray& buf, int width, int height)
         case 4:
             for (int i = n - 1; i >= 0; --i) {
                 const int left = i == 0 ? 0 : refLeft(buf, x + i - 4);
-                set(i, X(i) - (y == 0 ? left : refPaeth(left, X(i - 1), i >= 4 ? X(i - 5) : 0)));
+                set(i, X(i) - (y == 0 ? left : paeth(left, X(i - 1), i >= 4 ? X(i - 5) : 0)));
             }
             k = -1;
             break;
@@ -308,44 +287,7 @@ void TestPngCrush::convertsCrushedImages()
     QCOMPARE(run.result, 1);
     QCOMPARE(run.output, path + " : ");
     QCOMPARE(run.outName, path); // rewritten in place
-
-    std::vector<ParsedChunk> chunks;
-    QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
-    QStringList types;
-    for (const ParsedChunk& c : chunks) {
-        types << QString::fromStdString(c.type);
-        QVERIFY2(c.crcValid, c.type.c_str());
-    }
-    QCOMPARE(types, (QStringList{"IHDR", "IDAT", "IEND"}));
-
-    QImage image;
-    QVERIFY(image.load(path, "PNG"));
-    QCOMPARE(image.width(), int(recipe.width));
-    QCOMPARE(image.height(), int(recipe.height));
-    const int n = channels(colorType);
-    for (uint32_t y = 0; y < recipe.height; ++y) {
-        for (uint32_t x = 0; x < recipe.width; ++x) {
-            const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * n];
-            const QRgb got = image.pixel(int(x), int(y));
-            QRgb want = qRgb(p[0], p[1], p[2]);
-            if (colorType == 6) {
-                if (p[3] == 0)
-                    continue; // QImage drops the colour of invisible pixels
-                int c[3];
-                for (int i = 0; i < 3; ++i) {
-                    const unsigned stored = premultiply ? premultiplied(p[i], p[3]) : p[i];
-                    c[i] = fixAlpha ? ((stored * 255 + p[3] / 2) / p[3]) & 0xFF : stored;
-                }
-                want = qRgba(c[0], c[1], c[2], p[3]);
-            }
-            if (got != want)
-                QFAIL(qPrintable(QStringLiteral("pixel %1,%2: got %3 want %4")
-                                     .arg(x)
-                                     .arg(y)
-                                     .arg(got, 8, 16)
-                                     .arg(want, 8, 16)));
-        }
-    }
+    QCOMPARE(wrongPixels(recipe, path, fixAlpha), 0);
 }
 
 void TestPngCrush::splitsIdatAtMaxSize_data()
@@ -363,37 +305,27 @@ void TestPngCrush::splitsIdatAtMaxSize()
     QFETCH(uint32_t, side);
     PngRecipe recipe = rgbaRecipe(side, side);
     uint32_t s = 99;
-    for (uint8_t& b : recipe.pixels) {
+    for (size_t i = 0; i < recipe.pixels.size(); ++i) {
         s = s * 1103515245u + 12345u;
-        b = uint8_t(s >> 23);
+        recipe.pixels[i] = i % 4 == 3 ? 255 : uint8_t(s >> 23);
     }
-    for (size_t i = 3; i < recipe.pixels.size(); i += 4)
-        recipe.pixels[i] = 255;
     recipe.idatSize = 5000; // the input's own split must not matter
     const QString path = writeInput(QStringLiteral("big.png"), buildPng(recipe));
 
     PngCrush crush;
     crush.max_idat_size = maxIdatSize;
     QCOMPARE(runCrush(crush, path).result, 1);
-
+    QCOMPARE(wrongPixels(recipe, path), 0);
     std::vector<ParsedChunk> chunks;
     QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
     std::vector<size_t> sizes;
-    for (const ParsedChunk& c : chunks) {
-        QVERIFY(c.crcValid);
+    for (const ParsedChunk& c : chunks)
         if (c.type == "IDAT")
             sizes.push_back(c.data.size());
-    }
-    QVERIFY(!sizes.empty());
+    QCOMPARE(sizes.size() == 1, side == 20);
     for (size_t i = 0; i + 1 < sizes.size(); ++i)
         QCOMPARE(sizes[i], size_t(maxIdatSize));
-    QVERIFY(sizes.back() <= size_t(maxIdatSize) && sizes.back() > 0);
-    QCOMPARE(sizes.size() == 1, side == 20);
-    QImage image;
-    QVERIFY(image.load(path, "PNG"));
-    QCOMPARE(image.pixel(3, 5),
-             qRgba(recipe.pixels[(5 * side + 3) * 4], recipe.pixels[(5 * side + 3) * 4 + 1],
-                   recipe.pixels[(5 * side + 3) * 4 + 2], 255));
+    QVERIFY(sizes.back() <= size_t(maxIdatSize));
 }
 
 void TestPngCrush::passesPaletteAndGreyThrough_data()
@@ -415,27 +347,19 @@ void TestPngCrush::passesPaletteAndGreyThrough()
     recipe.interlaced = interlaced;
     recipe.filter = -1;
     recipe.pixels = testPixels(13, 9, colorType, 1);
-    if (colorType == 3) {
-        for (uint8_t& p : recipe.pixels)
-            p &= 15;
-        recipe.palette = testPixels(16, 1, 2, 2);
-    }
+    for (uint8_t& p : recipe.pixels)
+        p &= 15;
+    recipe.palette = testPixels(16, 1, 2, 2);
     recipe.idatSize = 20;
-    const Bytes input = buildPng(recipe);
-    std::vector<ParsedChunk> before;
-    QVERIFY(parseChunks(input, before));
-    const QString path = writeInput(QStringLiteral("pass.png"), input);
+    Bytes file = buildPng(recipe);
+    const QString path = writeInput(QStringLiteral("pass.png"), file);
 
-    QCOMPARE(runCrush(path).result, 1);
-    std::vector<ParsedChunk> after;
-    QVERIFY(parseChunks(fromQt(readFile(path)), after));
-    // Everything but the CgBI chunk is copied as it was, including the raw deflate data.
-    QCOMPARE(after.size(), before.size() - 1);
-    for (size_t i = 0; i < after.size(); ++i) {
-        QCOMPARE(after[i].type, before[i + 1].type);
-        QVERIFY(after[i].data == before[i + 1].data);
-        QCOMPARE(after[i].storedCrc, before[i + 1].storedCrc);
-    }
+    PngCrush crush;
+    QCOMPARE(runCrush(crush, path).result, 1);
+    // Everything but the CgBI chunk (16 bytes after the signature) is copied as it was,
+    // including the raw deflate data.
+    file.erase(file.begin() + 8, file.begin() + 24);
+    QCOMPARE(readFile(path), toQt(file));
 }
 
 void TestPngCrush::refusesBadInput_data()
@@ -487,6 +411,9 @@ void TestPngCrush::refusesBadInput_data()
         d[byte] = value;
         return file({cgbi, chunk("IHDR", d), idat, iend});
     };
+    auto crushedWithData = [&](uint32_t w, uint32_t h, int type, int interlace, const Bytes& raw) {
+        return file({cgbi, ihdr(w, h, 8, type, interlace), chunk("IDAT", rawDeflate(raw)), iend});
+    };
     QTest::newRow("compression 1") << badIhdr(10, 1) << "%1 : unknown compression type 1\n";
     QTest::newRow("interlace 2") << badIhdr(12, 2) << "%1 : unknown interlace type 2\n";
     QTest::newRow("colour type 7") << badIhdr(9, 7) << "%1 : unknown color type 7\n";
@@ -502,15 +429,15 @@ void TestPngCrush::refusesBadInput_data()
 
     // 6x4 RGBA expects 4 * (1 + 24) = 100 bytes.
     QTest::newRow("IDAT inflates short")
-        << crushedWithData(6, 4, 6, 0, rawDeflate(Bytes(60, 0)))
+        << crushedWithData(6, 4, 6, 0, Bytes(60, 0))
         << "%1 : decompression error, expected 100 but got 60 bytes\n";
-    QTest::newRow("IDAT inflates long") << crushedWithData(6, 4, 6, 0, rawDeflate(Bytes(101, 0)))
-                                        << "%1 : unspecified decompression error\n";
+    QTest::newRow("IDAT inflates long")
+        << crushedWithData(6, 4, 6, 0, Bytes(101, 0)) << "%1 : unspecified decompression error\n";
     // Declared dimensions far beyond what the data can hold: refused without
     // reserving memory for them.
     const unsigned long long side = 0x7FFFFFFF;
     QTest::newRow("huge dimensions")
-        << crushedWithData(0x7FFFFFFF, 0x7FFFFFFF, 6, 0, rawDeflate(Bytes(100, 0)))
+        << crushedWithData(0x7FFFFFFF, 0x7FFFFFFF, 6, 0, Bytes(100, 0))
         << "%1 : decompression error, expected " + QString::number(4 * side * side + side) +
                " but got 100 bytes\n";
     // Passes without columns still count their filter bytes, so a 3-pixel-wide
@@ -524,7 +451,7 @@ void TestPngCrush::refusesBadInput_data()
         << buildPng(rgbaRecipe(1, 1)) << "%1 : unspecified compression error\n";
     Bytes badRows(4 * 25, 0);
     badRows[25] = 5;
-    QTest::newRow("row filter 5") << crushedWithData(6, 4, 6, 0, rawDeflate(badRows))
+    QTest::newRow("row filter 5") << crushedWithData(6, 4, 6, 0, badRows)
                                   << "%1 : unknown row filter type (5)\n";
     // An unknown filter byte in the last Adam7 pass is found before any pixel changes.
     PngRecipe eight;
@@ -535,8 +462,8 @@ void TestPngCrush::refusesBadInput_data()
     eight.pixels = testPixels(8, 8, 2, 4);
     Bytes passRows = scanlines(eight);
     passRows[passRows.size() - 4 * (1 + 8 * 3)] = 7; // first row of pass 6
-    QTest::newRow("row filter 7 in last pass") << crushedWithData(8, 8, 2, 1, rawDeflate(passRows))
-                                               << "%1 : unknown row filter type (7)\n";
+    QTest::newRow("row filter 7 in last pass")
+        << crushedWithData(8, 8, 2, 1, passRows) << "%1 : unknown row filter type (7)\n";
 }
 
 void TestPngCrush::refusesBadInput()
@@ -544,7 +471,8 @@ void TestPngCrush::refusesBadInput()
     QFETCH(Bytes, file);
     QFETCH(QString, message);
     const QString path = writeInput(QStringLiteral("bad.png"), file);
-    const Run run = runCrush(path);
+    PngCrush crush;
+    const Run run = runCrush(crush, path);
     QCOMPARE(run.result, 0);
     QCOMPARE(run.output, message.arg(path));
     QVERIFY(run.outName.isEmpty());
@@ -684,10 +612,6 @@ void TestPngCrush::options()
     if (result == 0)
         return;
 
-    std::vector<ParsedChunk> chunks;
-    QVERIFY(parseChunks(fromQt(readFile(run.outName)), chunks));
-    QCOMPARE(std::all_of(chunks.begin(), chunks.end(), [](auto& c) { return c.crcValid; }),
-             crcsValid);
     QImage image;
     QCOMPARE(image.load(run.outName, "PNG"), crcsValid); // a wrong CRC kept is refused
     if (pixel)
@@ -751,21 +675,7 @@ void TestPngCrush::standardFilters()
     QCOMPARE(crush.standard_filters, 0);
     crush.standard_filters = standard ? 1 : 0;
     QCOMPARE(runCrush(crush, path).result, 1);
-
-    QImage image;
-    QVERIFY(image.load(path, "PNG"));
-    int wrong = 0;
-    for (uint32_t y = 0; y < recipe.height; ++y) {
-        for (uint32_t x = 0; x < recipe.width; ++x) {
-            const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * 4];
-            int c[3];
-            for (int i = 0; i < 3; ++i)
-                c[i] = p[3] ? ((premultiplied(p[i], p[3]) * 255 + p[3] / 2) / p[3]) & 0xFF : 0;
-            const QRgb got = image.pixel(int(x), int(y));
-            wrong += p[3] ? got != qRgba(c[0], c[1], c[2], p[3]) : qAlpha(got) != 0;
-        }
-    }
-    QCOMPARE(wrong == 0, standard);
+    QCOMPARE(wrongPixels(recipe, path) == 0, standard);
     if (standard)
         return;
 
@@ -784,15 +694,10 @@ void TestPngCrush::standardFilters()
     std::vector<ParsedChunk> chunks;
     QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
     QCOMPARE(chunks.at(1).type, std::string("IDAT"));
-    QByteArray inflated(expected.size(), 0);
-    size_t got = 0;
-    libdeflate_decompressor* d = libdeflate_alloc_decompressor();
-    const libdeflate_result r =
-        libdeflate_zlib_decompress(d, chunks.at(1).data.data(), chunks.at(1).data.size(),
-                                   inflated.data(), size_t(inflated.size()), &got);
-    libdeflate_free_decompressor(d);
-    QCOMPARE(int(r), int(LIBDEFLATE_SUCCESS));
-    QCOMPARE(inflated, expected);
+    // qUncompress takes a zlib stream behind its big-endian expected size.
+    QByteArray idat(4, 0);
+    qToBigEndian(quint32(expected.size()), idat.data());
+    QCOMPARE(qUncompress(idat + toQt(chunks.at(1).data)), expected);
 }
 
 KAVREL_TEST_MAIN(TestPngCrush)
