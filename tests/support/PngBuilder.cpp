@@ -18,10 +18,8 @@ const int kColumnStep[7] = {8, 8, 4, 4, 2, 2, 1};
 
 void putLong(Bytes& out, uint32_t v)
 {
-    out.push_back(uint8_t(v >> 24));
-    out.push_back(uint8_t(v >> 16));
-    out.push_back(uint8_t(v >> 8));
-    out.push_back(uint8_t(v));
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out.push_back(uint8_t(v >> shift));
 }
 
 // The stored form of one pixel: channels swapped and colours premultiplied when crushed.
@@ -35,9 +33,7 @@ void storePixel(const PngRecipe& recipe, const uint8_t* in, uint8_t* out)
         for (int c = 0; c < 3; ++c)
             out[c] = premultiplied(in[c], in[3]);
     }
-    const uint8_t r = out[0];
-    out[0] = out[2];
-    out[2] = r;
+    std::swap(out[0], out[2]);
 }
 
 } // namespace
@@ -71,11 +67,7 @@ Bytes ihdr(uint32_t width, uint32_t height, int depth, int colorType, int interl
     Bytes d;
     putLong(d, width);
     putLong(d, height);
-    d.push_back(uint8_t(depth));
-    d.push_back(uint8_t(colorType));
-    d.push_back(0);
-    d.push_back(0);
-    d.push_back(uint8_t(interlace));
+    d.insert(d.end(), {uint8_t(depth), uint8_t(colorType), 0, 0, uint8_t(interlace)});
     return chunk("IHDR", d);
 }
 
@@ -202,18 +194,16 @@ bool parseChunks(const Bytes& file, std::vector<ParsedChunk>& chunks)
     chunks.clear();
     if (file.size() < 8 || memcmp(file.data(), kSignature, 8) != 0)
         return false;
+    auto be32 = [](const uint8_t* p) {
+        return uint32_t(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
+    };
     size_t at = 8;
     while (at < file.size()) {
-        if (file.size() - at < 12)
-            return false;
-        const uint32_t length = uint32_t(file[at]) << 24 | uint32_t(file[at + 1]) << 16 |
-                                uint32_t(file[at + 2]) << 8 | file[at + 3];
-        if (file.size() - at - 12 < length)
+        const uint32_t length = file.size() - at < 12 ? 0 : be32(&file[at]);
+        if (file.size() - at < 12 || file.size() - at - 12 < length)
             return false;
         const uint8_t* t = &file[at + 4];
-        const uint8_t* c = t + 4 + length;
-        const uint32_t stored =
-            uint32_t(c[0]) << 24 | uint32_t(c[1]) << 16 | uint32_t(c[2]) << 8 | c[3];
+        const uint32_t stored = be32(t + 4 + length);
         chunks.push_back({std::string(reinterpret_cast<const char*>(t), 4),
                           Bytes(t + 4, t + 4 + length), stored,
                           stored == libdeflate_crc32(0, t, length + 4)});
