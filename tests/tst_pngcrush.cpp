@@ -9,12 +9,13 @@
 #include <QImage>
 #include <QRegularExpression>
 #include <QTemporaryDir>
+#include <QTemporaryFile>
+#include <QtEndian>
 
 #include <libdeflate.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <unistd.h>
 
 using namespace kavreltest;
@@ -23,51 +24,9 @@ Q_DECLARE_METATYPE(kavreltest::Bytes)
 
 namespace {
 
-// Redirects the process's standard output into a file while it lives; text() gives
-// what was written. PngCrush reports with printf/puts only.
-class StdoutCapture
-{
-public:
-    StdoutCapture()
-    {
-        fflush(stdout);
-        mPath = mDir.filePath(QStringLiteral("stdout.txt"));
-        mSaved = dup(STDOUT_FILENO);
-        const int fd =
-            open(QFile::encodeName(mPath).constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, STDOUT_FILENO);
-        close(fd);
-    }
-    ~StdoutCapture() { restore(); }
-    QString text()
-    {
-        restore();
-        return QString::fromLocal8Bit(readFile(mPath));
-    }
-
-private:
-    void restore()
-    {
-        if (mSaved < 0)
-            return;
-        fflush(stdout);
-        dup2(mSaved, STDOUT_FILENO);
-        close(mSaved);
-        mSaved = -1;
-    }
-    QTemporaryDir mDir;
-    QString mPath;
-    int mSaved = -1;
-};
-
 QByteArray toQt(const Bytes& b)
 {
     return QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size()));
-}
-
-Bytes fromQt(const QByteArray& b)
-{
-    return Bytes(b.begin(), b.end());
 }
 
 struct Run
@@ -77,26 +36,32 @@ struct Run
     QString outName; // empty when process() left it unset
 };
 
+// PngCrush reports with printf/puts only, so its standard output goes to a file meanwhile.
 Run runCrush(PngCrush& crush, const QString& path)
 {
+    QTemporaryFile log;
+    if (!log.open())
+        return Run{-1, {}, {}};
     QByteArray name = QFile::encodeName(path);
     char* outName = nullptr;
     Run run;
-    {
-        StdoutCapture capture;
-        run.result = crush.process(name.data(), &outName);
-        run.output = capture.text();
-    }
+    fflush(stdout);
+    const int saved = dup(STDOUT_FILENO);
+    dup2(log.handle(), STDOUT_FILENO);
+    run.result = crush.process(name.data(), &outName);
+    fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    run.output = QString::fromLocal8Bit(readFile(log.fileName()));
     if (outName)
         run.outName = QFile::decodeName(outName);
     free(outName);
     return run;
 }
 
-Run runCrush(const QString& path)
+Bytes fromQt(const QByteArray& b)
 {
-    PngCrush crush;
-    return runCrush(crush, path);
+    return Bytes(b.begin(), b.end());
 }
 
 Bytes rawDeflate(const Bytes& raw)
@@ -108,41 +73,50 @@ Bytes rawDeflate(const Bytes& raw)
     return out;
 }
 
-Bytes crushedWithData(uint32_t w, uint32_t h, int colorType, int interlace, const Bytes& idat)
-{
-    Bytes f{137, 80, 78, 71, 13, 10, 26, 10};
-    for (const Bytes& c : {chunk("CgBI", {0x50, 0, 0x20, 6}), ihdr(w, h, 8, colorType, interlace),
-                           chunk("IDAT", idat), chunk("IEND", {})})
-        f.insert(f.end(), c.begin(), c.end());
-    return f;
-}
-
 PngRecipe rgbaRecipe(uint32_t w, uint32_t h)
 {
     PngRecipe s;
     s.width = w;
     s.height = h;
-    s.colorType = 6;
     s.pixels = testPixels(w, h, 6, w * 31 + h);
     return s;
 }
 
+// Pixels of the converted file at path that differ from the recipe's (-1: unreadable,
+// which includes a wrong CRC). Colours are stored premultiplied unless the recipe says
+// otherwise, and come back demultiplied with rounding when fixAlpha is set.
+int wrongPixels(const PngRecipe& recipe, const QString& path, bool fixAlpha = true)
+{
+    QImage image;
+    if (!image.load(path, "PNG") || image.size() != QSize(int(recipe.width), int(recipe.height)))
+        return -1;
+    const int n = channels(recipe.colorType);
+    int wrong = 0;
+    for (uint32_t y = 0; y < recipe.height; ++y) {
+        for (uint32_t x = 0; x < recipe.width; ++x) {
+            const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * n];
+            const QRgb got = image.pixel(int(x), int(y));
+            if (n == 3) {
+                wrong += got != qRgb(p[0], p[1], p[2]);
+                continue;
+            }
+            if (p[3] == 0) { // QImage drops the colour of invisible pixels
+                wrong += qAlpha(got) != 0;
+                continue;
+            }
+            int c[3];
+            for (int i = 0; i < 3; ++i) {
+                const unsigned stored = recipe.premultiply ? premultiplied(p[i], p[3]) : p[i];
+                c[i] = fixAlpha ? ((stored * 255 + p[3] / 2) / p[3]) & 0xFF : stored;
+            }
+            wrong += got != qRgba(c[0], c[1], c[2], p[3]);
+        }
+    }
+    return wrong;
+}
+
 // The row operations one byte at a time, straight from their definition, to check the
 // converter's vectorised loops against on many random rows.
-int refPaeth(int a, int b, int c)
-{
-    const int p = a + b - c;
-    const int pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
-    if (pa <= pb && pa <= pc)
-        return a;
-    return pb <= pc ? b : c;
-}
-
-int refLeft(const QByteArray& buf, int at)
-{
-    return at >= 0 ? uint8_t(buf[at]) : 0;
-}
-
 void refRemove(QByteArray& buf, int width, int height)
 {
     const int n = 4 * width, stride = n + 1;
@@ -168,8 +142,8 @@ void refRemove(QByteArray& buf, int width, int height)
             break;
         case 4:
             for (int i = 0; i < n; ++i) {
-                const int left = i == 0 ? 0 : refLeft(buf, x + i - 4);
-                set(i, X(i) + (y == 0 ? left : refPaeth(left, P(i), i >= 4 ? P(i - 4) : 0)));
+                const int left = i == 0 || x + i < 4 ? 0 : uint8_t(buf[x + i - 4]);
+                set(i, X(i) + (y == 0 ? left : paeth(left, P(i), i >= 4 ? P(i - 4) : 0)));
             }
             break;
         }
@@ -207,8 +181,8 @@ void refApply(QByteArray& buf, int width, int height)
             break;
         case 4:
             for (int i = n - 1; i >= 0; --i) {
-                const int left = i == 0 ? 0 : refLeft(buf, x + i - 4);
-                set(i, X(i) - (y == 0 ? left : refPaeth(left, X(i - 1), i >= 4 ? X(i - 5) : 0)));
+                const int left = i == 0 || x + i < 4 ? 0 : uint8_t(buf[x + i - 4]);
+                set(i, X(i) - (y == 0 ? left : paeth(left, X(i - 1), i >= 4 ? X(i - 5) : 0)));
             }
             k = -1;
             break;
@@ -225,17 +199,12 @@ private slots:
     void init();
     void convertsCrushedImages_data();
     void convertsCrushedImages();
-    void splitsIdatAtMaxSize_data();
-    void splitsIdatAtMaxSize();
-    void passesPaletteAndGreyThrough_data();
-    void passesPaletteAndGreyThrough();
     void refusesBadInput_data();
     void refusesBadInput();
     void options_data();
     void options();
     void rowFiltersMatchDefinition_data();
     void rowFiltersMatchDefinition();
-    void standardFilters_data();
     void standardFilters();
 
 private:
@@ -251,9 +220,7 @@ void TestPngCrush::init()
 QString TestPngCrush::writeInput(const QString& name, const Bytes& file)
 {
     const QString path = mDir.filePath(name);
-    if (!writeFile(path, toQt(file)))
-        return QString();
-    return path;
+    return writeFile(path, toQt(file)) ? path : QString();
 }
 
 void TestPngCrush::convertsCrushedImages_data()
@@ -263,20 +230,27 @@ void TestPngCrush::convertsCrushedImages_data()
     QTest::addColumn<int>("filter");
     QTest::addColumn<bool>("fixAlpha");
     QTest::addColumn<bool>("premultiply");
+    QTest::addColumn<bool>("standard"); // standard_filters
 
     // RGB rows are never re-filtered, so every filter type (a different one per row) must
     // come back exactly.
     for (bool interlaced : {false, true}) {
         const char* mode = interlaced ? "interlaced" : "progressive";
-        QTest::addRow("rgb %s all filters", mode) << 2 << interlaced << -1 << true << true;
+        QTest::addRow("rgb %s all filters", mode) << 2 << interlaced << -1 << true << true << false;
         // RGBA with the alpha fix: None and Sub rows re-filter exactly.
-        QTest::addRow("rgba %s filter 1", mode) << 6 << interlaced << 1 << true << true;
+        QTest::addRow("rgba %s filter 1", mode) << 6 << interlaced << 1 << true << true << false;
         // Without the fix only the channels are swapped, for every filter type.
         QTest::addRow("rgba %s all filters, no alpha fix", mode)
-            << 6 << interlaced << -1 << false << true;
+            << 6 << interlaced << -1 << false << true << false;
         // Colours above their alpha (not premultiplied) keep the low 8 bits.
-        QTest::addRow("rgba %s over-alpha", mode) << 6 << interlaced << 1 << true << false;
+        QTest::addRow("rgba %s over-alpha", mode) << 6 << interlaced << 1 << true << false << false;
+        // Standard re-filtering gives every filter type back exactly.
+        QTest::addRow("rgba %s all filters, standard", mode)
+            << 6 << interlaced << -1 << true << true << true;
     }
+    // Palette and grey files only lose their CgBI chunk.
+    QTest::newRow("palette") << 3 << false << -1 << true << true << false;
+    QTest::newRow("grey interlaced") << 0 << true << -1 << true << true << false;
 }
 
 void TestPngCrush::convertsCrushedImages()
@@ -286,6 +260,7 @@ void TestPngCrush::convertsCrushedImages()
     QFETCH(int, filter);
     QFETCH(bool, fixAlpha);
     QFETCH(bool, premultiply);
+    QFETCH(bool, standard);
 
     PngRecipe recipe;
     recipe.width = 23;
@@ -295,147 +270,46 @@ void TestPngCrush::convertsCrushedImages()
     recipe.filter = filter;
     recipe.premultiply = premultiply;
     recipe.pixels = testPixels(recipe.width, recipe.height, colorType, 5);
+    recipe.palette = testPixels(16, 1, 2, 2);
+    recipe.idatSize = 100; // several IDAT chunks in
     if (colorType == 6) {
         // Include fully transparent and opaque pixels.
         recipe.pixels[3] = 0;
         recipe.pixels[7] = 255;
     }
-    const QString path = writeInput(QStringLiteral("icon.png"), buildPng(recipe));
+    for (uint8_t& p : recipe.pixels)
+        p &= colorType == 3 ? 15 : 255;
+    Bytes file = buildPng(recipe);
+    const QString path = writeInput(QStringLiteral("icon.png"), file);
 
     PngCrush crush;
     crush.fix_alpha = fixAlpha ? 1 : 0;
+    crush.standard_filters = standard ? 1 : 0;
+    if (interlaced)
+        crush.max_idat_size = 100;
     const Run run = runCrush(crush, path);
     QCOMPARE(run.result, 1);
     QCOMPARE(run.output, path + " : ");
     QCOMPARE(run.outName, path); // rewritten in place
-
-    std::vector<ParsedChunk> chunks;
-    QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
-    QStringList types;
-    for (const ParsedChunk& c : chunks) {
-        types << QString::fromStdString(c.type);
-        QVERIFY2(c.crcValid, c.type.c_str());
+    if (colorType == 2 || colorType == 6) {
+        QCOMPARE(wrongPixels(recipe, path, fixAlpha), 0);
+        // The output is split at max_idat_size, whatever the input's split was.
+        std::vector<ParsedChunk> chunks;
+        QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
+        std::vector<size_t> sizes;
+        for (const ParsedChunk& c : chunks)
+            if (c.type == "IDAT")
+                sizes.push_back(c.data.size());
+        QCOMPARE(sizes.size() > 1, interlaced);
+        for (size_t i = 0; i + 1 < sizes.size(); ++i)
+            QCOMPARE(sizes[i], size_t(100));
+        QVERIFY(sizes.back() <= 100 || !interlaced);
+        return;
     }
-    QCOMPARE(types, (QStringList{"IHDR", "IDAT", "IEND"}));
-
-    QImage image;
-    QVERIFY(image.load(path, "PNG"));
-    QCOMPARE(image.width(), int(recipe.width));
-    QCOMPARE(image.height(), int(recipe.height));
-    const int n = channels(colorType);
-    for (uint32_t y = 0; y < recipe.height; ++y) {
-        for (uint32_t x = 0; x < recipe.width; ++x) {
-            const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * n];
-            const QRgb got = image.pixel(int(x), int(y));
-            QRgb want = qRgb(p[0], p[1], p[2]);
-            if (colorType == 6) {
-                if (p[3] == 0)
-                    continue; // QImage drops the colour of invisible pixels
-                int c[3];
-                for (int i = 0; i < 3; ++i) {
-                    const unsigned stored = premultiply ? premultiplied(p[i], p[3]) : p[i];
-                    c[i] = fixAlpha ? ((stored * 255 + p[3] / 2) / p[3]) & 0xFF : stored;
-                }
-                want = qRgba(c[0], c[1], c[2], p[3]);
-            }
-            if (got != want)
-                QFAIL(qPrintable(QStringLiteral("pixel %1,%2: got %3 want %4")
-                                     .arg(x)
-                                     .arg(y)
-                                     .arg(got, 8, 16)
-                                     .arg(want, 8, 16)));
-        }
-    }
-}
-
-void TestPngCrush::splitsIdatAtMaxSize_data()
-{
-    QTest::addColumn<int>("maxIdatSize");
-    QTest::addColumn<uint32_t>("side");
-    // Noise does not compress.
-    QTest::newRow("small pieces") << 1000 << 40u;
-    QTest::newRow("one chunk when it fits") << 524288 << 20u;
-}
-
-void TestPngCrush::splitsIdatAtMaxSize()
-{
-    QFETCH(int, maxIdatSize);
-    QFETCH(uint32_t, side);
-    PngRecipe recipe = rgbaRecipe(side, side);
-    uint32_t s = 99;
-    for (uint8_t& b : recipe.pixels) {
-        s = s * 1103515245u + 12345u;
-        b = uint8_t(s >> 23);
-    }
-    for (size_t i = 3; i < recipe.pixels.size(); i += 4)
-        recipe.pixels[i] = 255;
-    recipe.idatSize = 5000; // the input's own split must not matter
-    const QString path = writeInput(QStringLiteral("big.png"), buildPng(recipe));
-
-    PngCrush crush;
-    crush.max_idat_size = maxIdatSize;
-    QCOMPARE(runCrush(crush, path).result, 1);
-
-    std::vector<ParsedChunk> chunks;
-    QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
-    std::vector<size_t> sizes;
-    for (const ParsedChunk& c : chunks) {
-        QVERIFY(c.crcValid);
-        if (c.type == "IDAT")
-            sizes.push_back(c.data.size());
-    }
-    QVERIFY(!sizes.empty());
-    for (size_t i = 0; i + 1 < sizes.size(); ++i)
-        QCOMPARE(sizes[i], size_t(maxIdatSize));
-    QVERIFY(sizes.back() <= size_t(maxIdatSize) && sizes.back() > 0);
-    QCOMPARE(sizes.size() == 1, side == 20);
-    QImage image;
-    QVERIFY(image.load(path, "PNG"));
-    QCOMPARE(image.pixel(3, 5),
-             qRgba(recipe.pixels[(5 * side + 3) * 4], recipe.pixels[(5 * side + 3) * 4 + 1],
-                   recipe.pixels[(5 * side + 3) * 4 + 2], 255));
-}
-
-void TestPngCrush::passesPaletteAndGreyThrough_data()
-{
-    QTest::addColumn<int>("colorType");
-    QTest::addColumn<bool>("interlaced");
-    QTest::newRow("palette") << 3 << false;
-    QTest::newRow("grey interlaced") << 0 << true;
-}
-
-void TestPngCrush::passesPaletteAndGreyThrough()
-{
-    QFETCH(int, colorType);
-    QFETCH(bool, interlaced);
-    PngRecipe recipe;
-    recipe.width = 13;
-    recipe.height = 9;
-    recipe.colorType = colorType;
-    recipe.interlaced = interlaced;
-    recipe.filter = -1;
-    recipe.pixels = testPixels(13, 9, colorType, 1);
-    if (colorType == 3) {
-        for (uint8_t& p : recipe.pixels)
-            p &= 15;
-        recipe.palette = testPixels(16, 1, 2, 2);
-    }
-    recipe.idatSize = 20;
-    const Bytes input = buildPng(recipe);
-    std::vector<ParsedChunk> before;
-    QVERIFY(parseChunks(input, before));
-    const QString path = writeInput(QStringLiteral("pass.png"), input);
-
-    QCOMPARE(runCrush(path).result, 1);
-    std::vector<ParsedChunk> after;
-    QVERIFY(parseChunks(fromQt(readFile(path)), after));
-    // Everything but the CgBI chunk is copied as it was, including the raw deflate data.
-    QCOMPARE(after.size(), before.size() - 1);
-    for (size_t i = 0; i < after.size(); ++i) {
-        QCOMPARE(after[i].type, before[i + 1].type);
-        QVERIFY(after[i].data == before[i + 1].data);
-        QCOMPARE(after[i].storedCrc, before[i + 1].storedCrc);
-    }
+    // Everything but the CgBI chunk (16 bytes after the signature) is copied as it was,
+    // including the raw deflate data.
+    file.erase(file.begin() + 8, file.begin() + 24);
+    QCOMPARE(readFile(path), toQt(file));
 }
 
 void TestPngCrush::refusesBadInput_data()
@@ -487,6 +361,9 @@ void TestPngCrush::refusesBadInput_data()
         d[byte] = value;
         return file({cgbi, chunk("IHDR", d), idat, iend});
     };
+    auto crushedWithData = [&](uint32_t w, uint32_t h, int type, int interlace, const Bytes& raw) {
+        return file({cgbi, ihdr(w, h, 8, type, interlace), chunk("IDAT", rawDeflate(raw)), iend});
+    };
     QTest::newRow("compression 1") << badIhdr(10, 1) << "%1 : unknown compression type 1\n";
     QTest::newRow("interlace 2") << badIhdr(12, 2) << "%1 : unknown interlace type 2\n";
     QTest::newRow("colour type 7") << badIhdr(9, 7) << "%1 : unknown color type 7\n";
@@ -502,15 +379,15 @@ void TestPngCrush::refusesBadInput_data()
 
     // 6x4 RGBA expects 4 * (1 + 24) = 100 bytes.
     QTest::newRow("IDAT inflates short")
-        << crushedWithData(6, 4, 6, 0, rawDeflate(Bytes(60, 0)))
+        << crushedWithData(6, 4, 6, 0, Bytes(60, 0))
         << "%1 : decompression error, expected 100 but got 60 bytes\n";
-    QTest::newRow("IDAT inflates long") << crushedWithData(6, 4, 6, 0, rawDeflate(Bytes(101, 0)))
-                                        << "%1 : unspecified decompression error\n";
+    QTest::newRow("IDAT inflates long")
+        << crushedWithData(6, 4, 6, 0, Bytes(101, 0)) << "%1 : unspecified decompression error\n";
     // Declared dimensions far beyond what the data can hold: refused without
     // reserving memory for them.
     const unsigned long long side = 0x7FFFFFFF;
     QTest::newRow("huge dimensions")
-        << crushedWithData(0x7FFFFFFF, 0x7FFFFFFF, 6, 0, rawDeflate(Bytes(100, 0)))
+        << crushedWithData(0x7FFFFFFF, 0x7FFFFFFF, 6, 0, Bytes(100, 0))
         << "%1 : decompression error, expected " + QString::number(4 * side * side + side) +
                " but got 100 bytes\n";
     // Passes without columns still count their filter bytes, so a 3-pixel-wide
@@ -524,19 +401,14 @@ void TestPngCrush::refusesBadInput_data()
         << buildPng(rgbaRecipe(1, 1)) << "%1 : unspecified compression error\n";
     Bytes badRows(4 * 25, 0);
     badRows[25] = 5;
-    QTest::newRow("row filter 5") << crushedWithData(6, 4, 6, 0, rawDeflate(badRows))
+    QTest::newRow("row filter 5") << crushedWithData(6, 4, 6, 0, badRows)
                                   << "%1 : unknown row filter type (5)\n";
     // An unknown filter byte in the last Adam7 pass is found before any pixel changes.
-    PngRecipe eight;
-    eight.width = 8;
-    eight.height = 8;
-    eight.colorType = 2;
-    eight.interlaced = true;
-    eight.pixels = testPixels(8, 8, 2, 4);
-    Bytes passRows = scanlines(eight);
-    passRows[passRows.size() - 4 * (1 + 8 * 3)] = 7; // first row of pass 6
-    QTest::newRow("row filter 7 in last pass") << crushedWithData(8, 8, 2, 1, rawDeflate(passRows))
-                                               << "%1 : unknown row filter type (7)\n";
+    // 8x8 RGB passes take 4 + 4 + 7 + 2 * 7 + 2 * 13 + 4 * 13 + 4 * 25 bytes, all None rows.
+    Bytes passRows(207, 0);
+    passRows[207 - 4 * 25] = 7; // first row of pass 6
+    QTest::newRow("row filter 7 in last pass")
+        << crushedWithData(8, 8, 2, 1, passRows) << "%1 : unknown row filter type (7)\n";
 }
 
 void TestPngCrush::refusesBadInput()
@@ -544,7 +416,8 @@ void TestPngCrush::refusesBadInput()
     QFETCH(Bytes, file);
     QFETCH(QString, message);
     const QString path = writeInput(QStringLiteral("bad.png"), file);
-    const Run run = runCrush(path);
+    PngCrush crush;
+    const Run run = runCrush(crush, path);
     QCOMPARE(run.result, 0);
     QCOMPARE(run.output, message.arg(path));
     QVERIFY(run.outName.isEmpty());
@@ -559,7 +432,6 @@ void TestPngCrush::options_data()
     QTest::addColumn<int>("result");
     QTest::addColumn<QString>("output");  // %1 stands for the input path
     QTest::addColumn<QString>("outName"); // in the test folder; empty: left unset
-    QTest::addColumn<bool>("crcsValid");  // of the written file
     QTest::addColumn<uint>("pixel");      // expected at 0,0 of the written file; 0: not checked
     auto hex = [](uint32_t v) { return QString::number(v, 16).toUpper().rightJustified(8, '0'); };
     const Bytes small = buildPng(rgbaRecipe(8, 3));
@@ -572,7 +444,7 @@ void TestPngCrush::options_data()
                                   << "%1 :\n    chunk : IEND  length      0  CRC32 " +
                                          hex(right ^ 0x5A) + " -> invalid, changed to " +
                                          hex(right) + "\n"
-                                  << "crc.png" << true << 0u;
+                                  << "crc.png" << 0u;
     std::vector<ParsedChunk> chunks;
     parseChunks(badCrc, chunks);
     QString listing = "%1 :\n";
@@ -586,19 +458,19 @@ void TestPngCrush::options_data()
         listing += "\n";
     }
     QTest::newRow("chunks listed, not repaired")
-        << "list.png" << badCrc << "list_chunks" << 1 << listing << "list.png" << false << 0u;
+        << "list.png" << badCrc << "list_chunks" << 1 << listing << "list.png" << 0u;
 
     Bytes trailing = buildPng(rgbaRecipe(5, 5));
     trailing.insert(trailing.end(), {'t', 'r', 'a', 'i', 'l'});
     QTest::newRow("data after IEND dropped")
         << "extra.png" << trailing << "" << 1
         << "%1 : Extra data after IEND, very suspicious! Excluded from conversion\n"
-        << "extra.png" << true << 0u;
+        << "extra.png" << 0u;
     QTest::newRow("output dir: base name, input kept")
         << "sub/in.png" << small << "out=out" << 1 << "%1 : "
-        << "out/in.png" << true << 0u;
+        << "out/in.png" << 0u;
     QTest::newRow("dry run names the file") << "dry.png" << small << "dry" << 0 << "%1\n"
-                                            << "" << true << 0u;
+                                            << "" << 0u;
 
     PngRecipe interlaced = rgbaRecipe(10, 3);
     interlaced.interlaced = true;
@@ -627,7 +499,7 @@ void TestPngCrush::options_data()
                                    "    swapping BGR(A) to RGB(A)\n"
                                    "    uncompressed size  : 127 bytes\n"
                                    "    repacked size: N bytes\n"
-                                << "" << true << 0u;
+                                << "" << 0u;
 
     Bytes longChunk = buildPng(rgbaRecipe(4, 4));
     longChunk.resize(longChunk.size() - 12);
@@ -635,7 +507,7 @@ void TestPngCrush::options_data()
     QTest::newRow("oversized chunk explained")
         << "long.png" << longChunk << "informational" << 0
         << "    informational : chunk length 4096 larger than file\n%1 : invalid chunk size\n"
-        << "" << true << 0u;
+        << "" << 0u;
 
     // A plain file, when allowed, goes through the same channel swap.
     PngRecipe plain;
@@ -648,7 +520,7 @@ void TestPngCrush::options_data()
     const uint8_t* p = plain.pixels.data();
     QTest::newRow("plain file allowed") << "plain.png" << buildPng(plain) << "allow_plain" << 1
                                         << "%1 : not an -iphone crushed PNG file\n"
-                                        << "plain.png" << true << uint(qRgb(p[2], p[1], p[0]));
+                                        << "plain.png" << uint(qRgb(p[2], p[1], p[0]));
 }
 
 void TestPngCrush::options()
@@ -659,7 +531,6 @@ void TestPngCrush::options()
     QFETCH(int, result);
     QFETCH(QString, output);
     QFETCH(QString, outName);
-    QFETCH(bool, crcsValid);
     QFETCH(uint, pixel);
     const QString path = writeInput(name, file);
     QVERIFY(QDir().mkpath(mDir.filePath("out")));
@@ -684,12 +555,9 @@ void TestPngCrush::options()
     if (result == 0)
         return;
 
-    std::vector<ParsedChunk> chunks;
-    QVERIFY(parseChunks(fromQt(readFile(run.outName)), chunks));
-    QCOMPARE(std::all_of(chunks.begin(), chunks.end(), [](auto& c) { return c.crcValid; }),
-             crcsValid);
     QImage image;
-    QCOMPARE(image.load(run.outName, "PNG"), crcsValid); // a wrong CRC kept is refused
+    // A wrong CRC kept is refused.
+    QCOMPARE(image.load(run.outName, "PNG"), !options.contains("list_chunks"));
     if (pixel)
         QCOMPARE(image.pixel(0, 0), QRgb(pixel));
 }
@@ -728,46 +596,17 @@ void TestPngCrush::rowFiltersMatchDefinition()
     }
 }
 
-void TestPngCrush::standardFilters_data()
-{
-    QTest::addColumn<bool>("standard");
-    QTest::addColumn<bool>("interlaced");
-    QTest::newRow("default") << false << false;
-    QTest::newRow("standard") << true << false;
-    QTest::newRow("standard, interlaced") << true << true;
-}
-
 void TestPngCrush::standardFilters()
 {
-    // Rows use filters 0 to 4 in turn; the converter's own re-filtering of Up, Average
-    // and Paeth rows shows wrong pixels in ordinary decoders, the standard one does not.
-    QFETCH(bool, standard);
-    QFETCH(bool, interlaced);
+    // Rows use filters 0 to 4 in turn; by default the converter re-filters Up, Average
+    // and Paeth rows its own way, which ordinary decoders show with wrong pixels.
     PngRecipe recipe = rgbaRecipe(19, 13);
     recipe.filter = -1;
-    recipe.interlaced = interlaced;
     const QString path = writeInput(QStringLiteral("rows.png"), buildPng(recipe));
     PngCrush crush;
     QCOMPARE(crush.standard_filters, 0);
-    crush.standard_filters = standard ? 1 : 0;
     QCOMPARE(runCrush(crush, path).result, 1);
-
-    QImage image;
-    QVERIFY(image.load(path, "PNG"));
-    int wrong = 0;
-    for (uint32_t y = 0; y < recipe.height; ++y) {
-        for (uint32_t x = 0; x < recipe.width; ++x) {
-            const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * 4];
-            int c[3];
-            for (int i = 0; i < 3; ++i)
-                c[i] = p[3] ? ((premultiplied(p[i], p[3]) * 255 + p[3] / 2) / p[3]) & 0xFF : 0;
-            const QRgb got = image.pixel(int(x), int(y));
-            wrong += p[3] ? got != qRgba(c[0], c[1], c[2], p[3]) : qAlpha(got) != 0;
-        }
-    }
-    QCOMPARE(wrong == 0, standard);
-    if (standard)
-        return;
+    QVERIFY(wrongPixels(recipe, path) > 0);
 
     // Without the option the bytes are the converter's: its filters undone, the
     // colours demultiplied, its filters applied again.
@@ -784,15 +623,10 @@ void TestPngCrush::standardFilters()
     std::vector<ParsedChunk> chunks;
     QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
     QCOMPARE(chunks.at(1).type, std::string("IDAT"));
-    QByteArray inflated(expected.size(), 0);
-    size_t got = 0;
-    libdeflate_decompressor* d = libdeflate_alloc_decompressor();
-    const libdeflate_result r =
-        libdeflate_zlib_decompress(d, chunks.at(1).data.data(), chunks.at(1).data.size(),
-                                   inflated.data(), size_t(inflated.size()), &got);
-    libdeflate_free_decompressor(d);
-    QCOMPARE(int(r), int(LIBDEFLATE_SUCCESS));
-    QCOMPARE(inflated, expected);
+    // qUncompress takes a zlib stream behind its big-endian expected size.
+    QByteArray idat(4, 0);
+    qToBigEndian(quint32(expected.size()), idat.data());
+    QCOMPARE(qUncompress(idat + toQt(chunks.at(1).data)), expected);
 }
 
 KAVREL_TEST_MAIN(TestPngCrush)

@@ -56,19 +56,13 @@ void TestPngfix::convertsInPlaceAndPngcheckAccepts()
     QCOMPARE(QString::fromLocal8Bit(r.out), path + " : converted to " + path + "\n");
 
     const QString pngcheck = QStandardPaths::findExecutable("pngcheck");
-    if (!pngcheck.isEmpty()) {
-        const ProgramRun check = runProgram(pngcheck, {path});
-        QCOMPARE(check.exitCode, 0);
-        QVERIFY2(check.out.startsWith("OK: " + QFile::encodeName(path)), check.out.constData());
-    }
+    if (!pngcheck.isEmpty())
+        QCOMPARE(runProgram(pngcheck, {path}).exitCode, 0);
+    // The colours come back demultiplied.
     QImage image;
     QVERIFY(image.load(path, "PNG"));
-    const PngRecipe recipe = iconRecipe(true);
-    const uint8_t* p = &recipe.pixels[(10 * 57 + 20) * 4];
-    QVERIFY(p[3] != 0);
-    auto demul = [&](int c) {
-        return ((premultiplied(p[c], p[3]) * 255 + p[3] / 2) / p[3]) & 0xFF;
-    };
+    const uint8_t* p = &iconRecipe(true).pixels[(10 * 57 + 20) * 4];
+    auto demul = [&](int c) { return (premultiplied(p[c], p[3]) * 255 + p[3] / 2) / p[3]; };
     QCOMPARE(image.pixel(20, 10), qRgba(demul(0), demul(1), demul(2), p[3]));
 }
 
@@ -89,8 +83,7 @@ void TestPngfix::reportsEveryFileIntoOutDir()
     QCOMPARE(readFile(plain), iconFile(false));
     QCOMPARE(readFile(good), iconFile(true));
     QVERIFY(!QFile::exists(out + "/plain.png"));
-    QImage image;
-    QVERIFY(image.load(out + "/good.png", "PNG"));
+    QVERIFY(QImage().load(out + "/good.png", "PNG"));
     QCOMPARE(pngfix({}).exitCode, 2);
 }
 

@@ -18,19 +18,8 @@ const int kColumnStep[7] = {8, 8, 4, 4, 2, 2, 1};
 
 void putLong(Bytes& out, uint32_t v)
 {
-    out.push_back(uint8_t(v >> 24));
-    out.push_back(uint8_t(v >> 16));
-    out.push_back(uint8_t(v >> 8));
-    out.push_back(uint8_t(v));
-}
-
-int paeth(int a, int b, int c)
-{
-    const int p = a + b - c;
-    const int pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
-    if (pa <= pb && pa <= pc)
-        return a;
-    return pb <= pc ? b : c;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out.push_back(uint8_t(v >> shift));
 }
 
 // The stored form of one pixel: channels swapped and colours premultiplied when crushed.
@@ -44,30 +33,23 @@ void storePixel(const PngRecipe& recipe, const uint8_t* in, uint8_t* out)
         for (int c = 0; c < 3; ++c)
             out[c] = premultiplied(in[c], in[3]);
     }
-    const uint8_t r = out[0];
-    out[0] = out[2];
-    out[2] = r;
+    std::swap(out[0], out[2]);
 }
 
 } // namespace
 
 int channels(int colorType)
 {
-    switch (colorType) {
-    case 2:
-        return 3;
-    case 4:
-        return 2;
-    case 6:
-        return 4;
-    default:
-        return 1;
-    }
+    return colorType == 2 ? 3 : colorType == 4 ? 2 : colorType == 6 ? 4 : 1;
 }
 
-uint32_t crc32(const uint8_t* data, size_t size)
+int paeth(int a, int b, int c)
 {
-    return libdeflate_crc32(0, data, size);
+    const int p = a + b - c;
+    const int pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
+    if (pa <= pb && pa <= pc)
+        return a;
+    return pb <= pc ? b : c;
 }
 
 Bytes chunk(const std::string& type, const Bytes& data)
@@ -76,7 +58,7 @@ Bytes chunk(const std::string& type, const Bytes& data)
     putLong(out, uint32_t(data.size()));
     out.insert(out.end(), type.begin(), type.begin() + 4);
     out.insert(out.end(), data.begin(), data.end());
-    putLong(out, crc32(out.data() + 4, data.size() + 4));
+    putLong(out, libdeflate_crc32(0, out.data() + 4, data.size() + 4));
     return out;
 }
 
@@ -85,11 +67,7 @@ Bytes ihdr(uint32_t width, uint32_t height, int depth, int colorType, int interl
     Bytes d;
     putLong(d, width);
     putLong(d, height);
-    d.push_back(uint8_t(depth));
-    d.push_back(uint8_t(colorType));
-    d.push_back(0);
-    d.push_back(0);
-    d.push_back(uint8_t(interlace));
+    d.insert(d.end(), {uint8_t(depth), uint8_t(colorType), 0, 0, uint8_t(interlace)});
     return chunk("IHDR", d);
 }
 
@@ -98,31 +76,16 @@ uint8_t premultiplied(uint8_t v, uint8_t a)
     return uint8_t((v * a + 127) / 255);
 }
 
-void filterRow(int type, uint8_t* row, const uint8_t* prev, size_t length, int bpp)
+// Standard row filter of one row in place; prev is the unfiltered row above or null.
+static void filterRow(int type, uint8_t* row, const uint8_t* prev, size_t length, int bpp)
 {
     // Right to left, so every prediction still sees unfiltered neighbours.
     for (size_t j = length; j-- > 0;) {
         const int a = j >= size_t(bpp) ? row[j - bpp] : 0;
         const int b = prev ? prev[j] : 0;
         const int c = prev && j >= size_t(bpp) ? prev[j - bpp] : 0;
-        int predicted = 0;
-        switch (type) {
-        case 1:
-            predicted = a;
-            break;
-        case 2:
-            predicted = b;
-            break;
-        case 3:
-            predicted = (a + b) / 2;
-            break;
-        case 4:
-            predicted = paeth(a, b, c);
-            break;
-        default:
-            break;
-        }
-        row[j] = uint8_t(row[j] - predicted);
+        const int predicted[5] = {0, a, b, (a + b) / 2, paeth(a, b, c)};
+        row[j] = uint8_t(row[j] - predicted[type]);
     }
 }
 
@@ -231,20 +194,19 @@ bool parseChunks(const Bytes& file, std::vector<ParsedChunk>& chunks)
     chunks.clear();
     if (file.size() < 8 || memcmp(file.data(), kSignature, 8) != 0)
         return false;
+    auto be32 = [](const uint8_t* p) {
+        return uint32_t(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
+    };
     size_t at = 8;
     while (at < file.size()) {
-        if (file.size() - at < 12)
-            return false;
-        const uint32_t length = uint32_t(file[at]) << 24 | uint32_t(file[at + 1]) << 16 |
-                                uint32_t(file[at + 2]) << 8 | file[at + 3];
-        if (file.size() - at - 12 < length)
+        const uint32_t length = file.size() - at < 12 ? 0 : be32(&file[at]);
+        if (file.size() - at < 12 || file.size() - at - 12 < length)
             return false;
         const uint8_t* t = &file[at + 4];
-        const uint8_t* c = t + 4 + length;
-        const uint32_t stored =
-            uint32_t(c[0]) << 24 | uint32_t(c[1]) << 16 | uint32_t(c[2]) << 8 | c[3];
+        const uint32_t stored = be32(t + 4 + length);
         chunks.push_back({std::string(reinterpret_cast<const char*>(t), 4),
-                          Bytes(t + 4, t + 4 + length), stored, stored == crc32(t, length + 4)});
+                          Bytes(t + 4, t + 4 + length), stored,
+                          stored == libdeflate_crc32(0, t, length + 4)});
         at += 12 + size_t(length);
     }
     return true;

@@ -28,8 +28,6 @@ struct PngRecipe
 
 // Samples per pixel of an 8-bit colour type.
 int channels(int colorType);
-// The CRC-32 PNG uses.
-uint32_t crc32(const uint8_t* data, size_t size);
 // One chunk: length, type, data, CRC.
 Bytes chunk(const std::string& type, const Bytes& data);
 Bytes ihdr(uint32_t width, uint32_t height, int depth, int colorType, int interlace);
@@ -41,9 +39,8 @@ Bytes buildPng(const PngRecipe& recipe);
 // The value a crushed file stores for colour v under alpha a.
 uint8_t premultiplied(uint8_t v, uint8_t a);
 
-// Standard PNG row filter of one row in place (bpp bytes per pixel); prev is the
-// unfiltered row above or null.
-void filterRow(int type, uint8_t* row, const uint8_t* prev, size_t length, int bpp);
+// The Paeth predictor of the PNG row filters.
+int paeth(int a, int b, int c);
 
 // Pixels (width x height x channels) of a pseudo-random but reproducible image.
 Bytes testPixels(uint32_t width, uint32_t height, int colorType, uint32_t seed);
