@@ -30,13 +30,16 @@ const QString kMany = testUdid(1);  // 25 generated apps
 const QString kCases = testUdid(2); // hand-made containers
 const QString kLarge = testUdid(3); // apps of 300 files, icons handed out slowly
 
-QJsonObject generated(int count, int files, int documentsFiles)
+// A device of count generated apps with files of 1000 bytes each.
+QJsonObject generated(const QString& udid, int count, int files, int documentsFiles)
 {
-    return QJsonObject{{"count", count},
-                       {"prefix", "com.gen.app"},
-                       {"files", files},
-                       {"fileSize", 1000},
-                       {"documentsFiles", documentsFiles}};
+    QJsonObject json = DeviceProfile(udid).json();
+    json["generate"] = QJsonObject{{"count", count},
+                                   {"prefix", "com.gen.app"},
+                                   {"files", files},
+                                   {"fileSize", 1000},
+                                   {"documentsFiles", documentsFiles}};
+    return json;
 }
 
 QJsonObject caseApps(DeviceProfile profile)
@@ -77,19 +80,17 @@ QList<QJsonArray> run(DeviceManager& manager, bool sizes, const QString& udid,
         manager.getAppSizes(udid, ids);
     else
         manager.getAppIcons(udid, ids);
-    const bool ended = QTest::qWaitFor(
-        [&] {
-            return sizes ? !TestDeviceManagerAccess::sizeJob(manager)
-                         : !TestDeviceManagerAccess::iconJob(manager);
-        },
-        60000);
-    if (!ended)
+    if (!QTest::qWaitFor(
+            [&] {
+                return !(sizes ? TestDeviceManagerAccess::sizeJob(manager)
+                               : TestDeviceManagerAccess::iconJob(manager));
+            },
+            60000))
         return {};
     // Released jobs go once their worker has returned; let that happen here.
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    for (const QList<QVariant>& args : spy)
-        if (udids)
-            *udids << args.at(0).toString();
+    for (int i = 0; udids && i < spy.size(); ++i)
+        *udids << spy.at(i).at(0).toString();
     return batchesOf(spy);
 }
 
@@ -109,13 +110,11 @@ class TestAppSizeIcons : public QObject
 private slots:
     void initTestCase()
     {
-        DeviceProfile many(kMany), cases(kCases), large(kLarge);
-        QJsonObject manyJson = many.json(), largeJson = large.json();
-        manyJson["generate"] = generated(25, 3, 2);
-        largeJson["generate"] = generated(40, 300, 0);
+        QJsonObject largeJson = generated(kLarge, 40, 300, 0);
         largeJson["faults"] = QJsonObject{{"iconDelayMs", 30}};
         QString error;
-        QVERIFY2(mSim.start({mSim.writeProfile(manyJson), mSim.writeProfile(caseApps(cases)),
+        QVERIFY2(mSim.start({mSim.writeProfile(generated(kMany, 25, 3, 2)),
+                             mSim.writeProfile(caseApps(DeviceProfile(kCases))),
                              mSim.writeProfile(largeJson)},
                             &error, {"--verbose"}),
                  qPrintable(error));
@@ -132,21 +131,19 @@ private slots:
         const QString vend = "house_arrest VendContainer com.gen.app";
         const QString icon = "springboardservices icon of com.gen.app";
         // Rows run in order: the second of each pair finds the first one's catalog rows.
-        QTest::newRow("25 sizes") << true << kMany << generatedIds(25) << QList<int>{10, 10, 5}
-                                  << vend << 25;
+        const QList<int> sizes{10, 10, 5}, icons{10, 2};
+        const QStringList failing{"com.t.noicon", "com.t.docs"};
+        QTest::newRow("25 sizes") << true << kMany << generatedIds(25) << sizes << vend << 25;
         QTest::newRow("25 sizes, cached")
-            << true << kMany << generatedIds(25) << QList<int>{10, 10, 5} << vend << 0;
-        QTest::newRow("12 icons") << false << kMany << generatedIds(12) << QList<int>{10, 2} << icon
-                                  << 12;
+            << true << kMany << generatedIds(25) << sizes << vend << 0;
+        QTest::newRow("12 icons") << false << kMany << generatedIds(12) << icons << icon << 12;
         QTest::newRow("12 icons, cached")
-            << false << kMany << generatedIds(12) << QList<int>{10, 2} << icon << 0;
+            << false << kMany << generatedIds(12) << icons << icon << 0;
         // A failing icon is listed and, with nothing stored, asked for again.
         QTest::newRow("failing icon")
-            << false << kCases << QStringList{"com.t.noicon", "com.t.docs"} << QList<int>{2}
-            << "icon of com.t." << 2;
+            << false << kCases << failing << QList<int>{2} << "icon of com.t." << 2;
         QTest::newRow("failing icon again")
-            << false << kCases << QStringList{"com.t.noicon", "com.t.docs"} << QList<int>{2}
-            << "icon of com.t." << 1;
+            << false << kCases << failing << QList<int>{2} << "icon of com.t." << 1;
     }
     void batches()
     {
