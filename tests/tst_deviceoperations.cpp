@@ -232,7 +232,8 @@ private slots:
         host.manager.getDevInfo(udid);
         QVERIFY(info.wait(30000));
         QCOMPARE(info.at(0).at(0).toString(), udid);
-        QVERIFY(!mSim.attachedUdids().contains(udid));
+        QTRY_VERIFY(
+            !mSim.attachedUdids().contains(udid)); // the simulator detaches on its own thread
     }
 
     void uninstall_data()
