@@ -316,6 +316,10 @@ void Device::loadFaults(plist_t faults)
             mFaults.failingServices[nodeString(plist_array_get_item(list, i))] =
                 "ServiceProhibited";
     }
+    if (plist_t malformed = dictItem(faults, "malformed", PLIST_DICT)) {
+        for (const std::string& name : dictKeys(malformed))
+            mFaults.malformedServices[name] = dictString(malformed, name.c_str(), "bytes");
+    }
     mFaults.installError = dictString(faults, "installError");
     mFaults.installErrorDescription = dictString(faults, "installErrorDescription");
     mFaults.uninstallError = dictString(faults, "uninstallError");

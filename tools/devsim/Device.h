@@ -39,10 +39,15 @@ struct Faults
     int iconDelayMs = 0;
     // The installation service never answers (a device gone silent).
     bool silent = false;
+    // Service name -> "bytes" or "shape": the service answers the first request with a
+    // framed message that is not a property list ("bytes") or with a property list of the
+    // wrong shape ("shape"), then closes the connection, as a crashing daemon does.
+    std::map<std::string, std::string> malformedServices;
     // An AFC write stores at most this many bytes of each write (-1: all).
     int64_t afcWriteLimit = -1;
     // Service connections are cut after sending this many bytes (0: never); limited to
-    // dropService when that is set.
+    // dropService when that is set ("com.apple.mobile.lockdown" names lockdown's own
+    // connections, which are otherwise spared).
     uint64_t dropAfterBytes = 0;
     std::string dropService;
     // The device is detached once a host has sent this many bytes to com.apple.afc

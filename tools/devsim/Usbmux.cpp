@@ -63,18 +63,41 @@ bool sendResult(Stream& stream, uint32_t tag, uint32_t number)
     return sendMux(stream, tag, message.get());
 }
 
+// Answers the first request with a message no host can use, then closes.
+void serveMalformed(Stream& stream, const std::string& kind)
+{
+    char request[4096];
+    if (stream.readSome(request, sizeof request) <= 0)
+        return;
+    if (kind == "shape") {
+        Plist wrong = plistArray();
+        plist_array_append_item(wrong.get(), plist_new_string("unexpected"));
+        sendPlist(stream, wrong.get());
+        return;
+    }
+    const std::string body = "<plist><dict><key>Status</key>";
+    std::string packet;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        packet += static_cast<char>((body.size() >> shift) & 0xFF);
+    stream.writeAll(packet + body);
+}
+
 // Serves a device port on this connection: lockdown, or the started service.
 void runConnection(Simulator& simulator, const std::shared_ptr<Device>& device, Stream& stream,
                    const std::string& serviceName)
 {
     device->trackConnection(&stream);
+    const Faults& faults = device->faults();
+    const std::string name = serviceName.empty() ? "com.apple.mobile.lockdown" : serviceName;
+    if (faults.dropAfterBytes > 0 &&
+        (faults.dropService == name || (faults.dropService.empty() && !serviceName.empty())))
+        stream.setSendLimit(stream.bytesSent() + faults.dropAfterBytes);
+    const auto malformed = faults.malformedServices.find(serviceName);
     if (serviceName.empty()) {
         serveLockdown(simulator, device, stream);
+    } else if (malformed != faults.malformedServices.end()) {
+        serveMalformed(stream, malformed->second);
     } else if (const ServiceInfo* service = findService(serviceName)) {
-        const Faults& faults = device->faults();
-        if (faults.dropAfterBytes > 0 &&
-            (faults.dropService.empty() || faults.dropService == serviceName))
-            stream.setSendLimit(stream.bytesSent() + faults.dropAfterBytes);
         ServiceContext context{simulator, device, stream, serviceName};
         logDebug("%s: serving %s", device->udid().c_str(), serviceName.c_str());
         service->handler(context);
