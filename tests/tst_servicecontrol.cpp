@@ -108,7 +108,6 @@ class TestServiceControl : public QObject
 private slots:
     void runs_data();
     void runs();
-    void destroyedWrapperEndsChildWithoutAnswer_data();
     void destroyedWrapperEndsChildWithoutAnswer();
     void unstartableScSendsNoAnswer_data();
     void unstartableScSendsNoAnswer();
@@ -121,35 +120,21 @@ void TestServiceControl::runs_data()
     QTest::addColumn<QString>("kind");
     QTest::addColumn<QByteArrayList>("scripts"); // one sc per run of the same wrapper
     QTest::addColumn<QString>("answers");        // one digit per run
-    QTest::addColumn<QStringList>("log");        // lines of the last run in this order; "!x": no x
-    auto row = [](const char* name, const QByteArrayList& scripts, const char* answers,
-                  const QStringList& log = QStringList()) {
-        QTest::newRow(name) << QString(name).section(':', 0, 0) << scripts << answers << log;
+    auto row = [](const char* name, const QByteArrayList& scripts, const char* answers) {
+        QTest::newRow(name) << QString(name).section(':', 0, 0) << scripts << answers;
     };
     const QByteArray running = printing(kRunningQuery), stopped = printing(kStoppedQuery);
-    const QByteArray pending = printing(kStartPending);
     row("check: running", {running}, "1");
     row("check: stopped", {stopped}, "0");
     row("check: marker is case-sensitive", {"echo 'state: running'\n"}, "0");
     row("check: text ends at a zero byte", {"printf 'STOPPED\\000RUNNING\\n'\n"}, "0");
-    // The override logs before the base stores the output, and the destructors log last.
-    row("check: exit code not judged", {"echo RUNNING; exit 3\n"}, "1",
-        {"CProcCheckAMD::checkIfRunning", "CProcBase::slotProcStateChanged, state: 1",
-         "CProcBase::slotProcStateChanged, state: 2", "CProcBase::slotProcStateChanged, state: 0",
-         "CProcCheckAMD::slotProcFinished, exitCode: 3, exitStatus: 0",
-         "CProcBase::slotProcFinished, exitCode: 3", "CProcCheckAMD::~CProcCheckAMD",
-         "CProcBase::~CProcBase", "!result: "});
-    row("check: crash answers from the earlier output", {running, stopped + kCrash}, "11",
-        {"CProcCheckAMD::slotProcFinished, exitCode: 9, exitStatus: 1"});
+    row("check: exit code not judged", {"echo RUNNING; exit 3\n"}, "1");
+    row("check: crash answers from the earlier output", {running, stopped + kCrash}, "11");
     row("check: crash output is never read", {stopped, running + kCrash}, "00");
-    row("start: accepted", {pending}, "1");
+    row("start: accepted", {printing(kStartPending)}, "1");
     row("start: already running", {printing(kAlreadyRunning)}, "0");
-    row("start: failure exit code not judged", {"echo 'SERVICE_EXIT_CODE : 0'; exit 2\n"}, "1",
-        {"CProcStartAMD::startAMD", "CProcStartAMD::slotProcFinished, exitCode:  2 , exitStatus 0",
-         "CProcBase::slotProcFinished, exitCode: 2", "result: \"SERVICE_EXIT_CODE : 0\\n\"",
-         "CProcBase::~CProcBase"});
-    row("start: no output, no result line", {"exit 0\n"}, "0",
-        {"CProcStartAMD::slotProcFinished, exitCode:  0 , exitStatus 0", "!result: "});
+    row("start: failure exit code not judged", {"echo 'SERVICE_EXIT_CODE : 0'; exit 2\n"}, "1");
+    row("start: no output", {"exit 0\n"}, "0");
 }
 
 void TestServiceControl::runs()
@@ -157,67 +142,36 @@ void TestServiceControl::runs()
     QFETCH(QString, kind);
     QFETCH(QByteArrayList, scripts);
     QFETCH(QString, answers);
-    QFETCH(QStringList, log);
     ScFolder folder;
-    kavreltest::LogCapture capture;
-    {
-        Wrapper wrapper(kind);
-        for (int run = 0; run < scripts.size(); ++run) {
-            QVERIFY(folder.writeSc(scripts[run]));
-            capture.clear();
-            QCOMPARE(wrapper.ask(), answers.mid(run, 1).toInt());
-            // One command text, the quoted service name kept as one argument.
-            QCOMPARE(kavreltest::readFile(folder.path("arguments")),
-                     QByteArray(kind == "check" ? "query" : "start") + "|Apple Mobile Device|");
-        }
+    Wrapper wrapper(kind);
+    for (int run = 0; run < scripts.size(); ++run) {
+        QVERIFY(folder.writeSc(scripts[run]));
+        QCOMPARE(wrapper.ask(), answers.mid(run, 1).toInt());
+        // One command text, the quoted service name kept as one argument.
+        QCOMPARE(kavreltest::readFile(folder.path("arguments")),
+                 QByteArray(kind == "check" ? "query" : "start") + "|Apple Mobile Device|");
     }
-    const QStringList lines = capture.lines();
-    int previous = -1;
-    for (const QString& line : log) {
-        if (line.startsWith('!')) {
-            QVERIFY2(!capture.contains(line.mid(1)), qPrintable(capture.dump()));
-            continue;
-        }
-        const int found = lines.indexOf(line, previous + 1);
-        QVERIFY2(found > previous, qPrintable(line + " not in order in:\n" + capture.dump()));
-        previous = found;
-    }
-}
-
-void TestServiceControl::destroyedWrapperEndsChildWithoutAnswer_data()
-{
-    QTest::addColumn<QString>("kind");
-    QTest::newRow("check") << "check";
 }
 
 void TestServiceControl::destroyedWrapperEndsChildWithoutAnswer()
 {
-    QFETCH(QString, kind);
     ScFolder folder;
     const QByteArray pidFile = QFile::encodeName(folder.path("pid"));
     QVERIFY(folder.writeSc("echo $$ > '" + pidFile + ".tmp'\nmv '" + pidFile + ".tmp' '" + pidFile +
                            "'\nexec sleep 60\n"));
-    auto wrapper = std::make_unique<Wrapper>(kind);
+    auto wrapper = std::make_unique<Wrapper>("check");
     QSignalSpy answers(wrapper->object.get(), wrapper->signal);
     wrapper->request();
     QTRY_VERIFY(QFile::exists(pidFile));
     const pid_t pid = kavreltest::readFile(pidFile).trimmed().toInt();
-    QVERIFY(pid > 0);
     QCOMPARE(::kill(pid, 0), 0);
-
-    kavreltest::LogCapture log;
-    QElapsedTimer timer;
-    timer.start();
     wrapper.reset();
-    QVERIFY(timer.elapsed() < 20000);
     QTest::qWait(100);
     QCOMPARE(answers.count(), 0);
     // Ended and reaped: the pid names no process any more.
     errno = 0;
     QCOMPARE(::kill(pid, 0), -1);
     QCOMPARE(errno, ESRCH);
-    QVERIFY2(log.hasLine("CProcBase::~CProcBase"), qPrintable(log.dump()));
-    QVERIFY2(!log.contains("AMD::slotProcFinished"), qPrintable(log.dump()));
 }
 
 void TestServiceControl::unstartableScSendsNoAnswer_data()
@@ -239,10 +193,8 @@ void TestServiceControl::unstartableScSendsNoAnswer()
     Wrapper wrapper(kind);
     wrapper.request();
     QTRY_VERIFY2(log.hasLine("CProcBase::slotProcError, error: 0"), qPrintable(log.dump()));
-    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcStateChanged, state: 0"), qPrintable(log.dump()));
     QTest::qWait(200);
     QCOMPARE(wrapper.answers->count(), 0);
-    QVERIFY(!log.contains("slotProcFinished"));
 }
 
 void TestServiceControl::hostCommand_data()

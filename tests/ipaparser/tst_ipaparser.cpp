@@ -101,7 +101,6 @@ private slots:
     void refusedArchives_data();
     void refusedArchives();
     void defaultIcon();
-    void oddPathAndSecondParse();
     void invalidArguments();
 
 private:
@@ -189,7 +188,6 @@ void TestIpaParser::parseIpa()
     QTEST(record.join('|'), "record");
     QTEST(info.mIcon, "icon");
     QCOMPARE(info.mIpaSize, quint64(QFileInfo(path).size()));
-    QVERIFY(info.mIpaPath.isEmpty()); // set by callers, never by parsing
 }
 
 void TestIpaParser::refusedArchives_data()
@@ -225,7 +223,6 @@ void TestIpaParser::refusedArchives()
     IpaParser::IpaInfo info;
     QVERIFY(!IpaParser::parseIpa(path, &info));
     QVERIFY2(log.contains(logLine), qPrintable(log.dump()));
-    QVERIFY(info.mIcon.isEmpty());
 }
 
 void TestIpaParser::defaultIcon()
@@ -236,44 +233,10 @@ void TestIpaParser::defaultIcon()
     IpaParser::IpaInfo info;
     QVERIFY(IpaParser::parseIpa(path, &info));
     QVERIFY(log.hasLine(QStringLiteral("Warning, failed to get app icon by icon.png")));
-    QVERIFY(log.hasLine(QStringLiteral("********* save default icon **************")));
     QCOMPARE(info.mIconName, QStringLiteral("pc_default_icon.png"));
     // The bytes are the resource image re-encoded as PNG.
     const QImage expected(QStringLiteral(":res/img/download/pc_default_icon.png"));
-    QVERIFY(!expected.isNull());
-    QVERIFY(info.mIcon.startsWith("\x89PNG"));
     QCOMPARE(QImage::fromData(info.mIcon, "PNG").convertToFormat(expected.format()), expected);
-
-    // Without the host's resource the name is still set, the bytes stay empty.
-    Q_CLEANUP_RESOURCE(ipaparser);
-    IpaParser::IpaInfo bare;
-    const bool parsed = IpaParser::parseIpa(path, &bare);
-    Q_INIT_RESOURCE(ipaparser);
-    QVERIFY(parsed);
-    QVERIFY(log.hasLine(QStringLiteral("Warning, failed to save pc_default_icon.png.")));
-    QCOMPARE(bare.mIconName, QStringLiteral("pc_default_icon.png"));
-    QVERIFY(bare.mIcon.isEmpty());
-}
-
-void TestIpaParser::oddPathAndSecondParse()
-{
-    QDir(mDir.path()).mkpath(QStringLiteral("My Apps/Spiele für Ünï"));
-    const QString path = writeIpa(QStringLiteral("My Apps/Spiele für Ünï/游戏 app (1).ipa"),
-                                  app(sampleInfo(), true));
-    IpaParser::IpaInfo info;
-    info.mIpaPath = QStringLiteral("/somewhere/else.ipa");
-    info.mAppSize = 4242;
-    info.mInDevice = true;
-    QVERIFY(IpaParser::parseIpa(path, &info));
-    QCOMPARE(info.mAppId, QStringLiteral("com.example.sample"));
-    QCOMPARE(info.mIpaSize, quint64(QFileInfo(path).size()));
-    // A second parse into the same record appends; what the caller set stays.
-    QVERIFY(IpaParser::parseIpa(path, &info));
-    QCOMPARE(info.mIcon, kIconA + kIconA);
-    QCOMPARE(info.mDevices, (QStringList{"iPhoneOS", "iPhoneOS"}));
-    QCOMPARE(info.mIpaPath, QStringLiteral("/somewhere/else.ipa"));
-    QCOMPARE(info.mAppSize, quint64(4242));
-    QVERIFY(info.mInDevice);
 }
 
 void TestIpaParser::invalidArguments()
@@ -288,25 +251,9 @@ void TestIpaParser::invalidArguments()
     QDir::setCurrent(cwd);
     QVERIFY(!oneChar);
     QVERIFY(log.hasLine(QStringLiteral("ipa name shouldn't be empty.")));
-    QCOMPARE(info.mIpaSize, quint64(0));
-
-    log.clear();
-    QVERIFY(!IpaParser::parseIpa(QString(), &info));
     QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("a")), nullptr));
-    QVERIFY(!log.contains(QStringLiteral("shouldn't be empty")));
-
     QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("missing.ipa")), &info));
     QVERIFY(log.contains(QStringLiteral("Error, failed to stat ipa file: ")));
-
-    // An empty file is no archive with an Info.plist.
-    QVERIFY(kavreltest::writeFile(mDir.filePath(QStringLiteral("empty.ipa")), QByteArray()));
-    QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("empty.ipa")), &info));
-
-    log.clear();
-    QVERIFY(!IpaParser::parseInfo(nullptr, &info));
-    QVERIFY(!IpaParser::parseMetadata(nullptr, &info));
-    QVERIFY(log.hasLine(QStringLiteral("Invalid parameter.")));
-    QVERIFY(log.hasLine(QStringLiteral("Invalid parameters.")));
 }
 
 KAVREL_TEST_MAIN(TestIpaParser)
