@@ -1,5 +1,5 @@
-// kavrel-devsim under hostile use: malformed usbmuxd, lockdown, AFC and app
-// service input gets an error answer or a closed connection, never a crash.
+// kavrel-devsim under hostile use: malformed usbmuxd, lockdown and service input gets an error
+// answer or a closed connection, never a crash.
 
 #include "DevSim.h"
 #include "TestSupport.h"
@@ -18,13 +18,11 @@ using namespace kavreltest;
 
 namespace {
 
-template <typename T> QByteArray littleEndian(T v)
+QByteArray le32(quint32 v)
 {
     v = qToLittleEndian(v);
     return QByteArray(reinterpret_cast<const char*>(&v), sizeof v);
 }
-const auto le32 = littleEndian<quint32>;
-const auto le64 = littleEndian<quint64>;
 
 QByteArray muxPacket(const QByteArray& body, quint32 version = 1, quint32 type = 8, quint32 tag = 1)
 {
@@ -154,29 +152,6 @@ QByteArray request(const char* key, const char* name, const char* service = null
     return framed(plistBytes(dict, false));
 }
 
-QByteArray afcPacket(quint64 op, const QByteArray& data, quint64 packetNumber = 1,
-                     qint64 thisLengthOverride = -1)
-{
-    quint64 thisLength = thisLengthOverride >= 0 ? quint64(thisLengthOverride) : 40 + data.size();
-    return QByteArray("CFA6LPAA") + le64(40 + data.size()) + le64(thisLength) + le64(packetNumber) +
-           le64(op) + data;
-}
-
-// The AFC status code of one answer, or -1.
-qint64 afcStatus(RawClient& client)
-{
-    QByteArray header = client.read(40);
-    if (header.size() < 40 || !header.startsWith("CFA6LPAA"))
-        return -1;
-    auto u64 = [](const QByteArray& bytes, int at) {
-        return qFromLittleEndian<quint64>(bytes.constData() + at);
-    };
-    QByteArray data = client.read(int(u64(header, 8) - 40));
-    if (u64(header, 32) != 1 || data.size() < 8)
-        return -1;
-    return qint64(u64(data, 0));
-}
-
 // The usbmuxd device id of a device, as libimobiledevice learns it.
 quint32 deviceIdOf(const QString& udid)
 {
@@ -201,9 +176,6 @@ private slots:
     void malformedUsbmuxInput();
     void malformedPlistInput_data();
     void malformedPlistInput();
-    void malformedAfcInput_data();
-    void malformedAfcInput();
-    void randomBytesNeverCrash();
 
 private:
     DevSim mSim;
@@ -336,59 +308,6 @@ void TestDevsimRobust::malformedPlistInput()
     else
         QVERIFY(node && plist_get_node_type(node) == PLIST_DATA);
     plist_free(answer);
-}
-
-void TestDevsimRobust::malformedAfcInput_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<qint64>("status"); // -1: connection closed
-
-    QTest::newRow("bad magic") << QByteArray("XXXXXXXX") + QByteArray(32, '\0') << qint64(-1);
-    QTest::newRow("header length below 40") << afcPacket(0x0A, "/", 1, 20) << qint64(2);
-    QTest::newRow("read with unknown handle") << afcPacket(0x0F, le64(77) + le64(10)) << qint64(7);
-    QTest::newRow("unknown operation") << afcPacket(0x99, "") << qint64(6);
-}
-
-void TestDevsimRobust::malformedAfcInput()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(qint64, status);
-    lockdownd_service_descriptor_t service = Session(kPhone).start("com.apple.afc");
-    QVERIFY(service);
-    const quint16 port = service->port;
-    lockdownd_service_descriptor_free(service);
-    RawClient client(mSim.socketPath());
-    QVERIFY(client.connectTo(mPhoneId, port));
-    QVERIFY(client.send(bytes));
-    if (status < 0)
-        QVERIFY(client.closedByPeer());
-    else
-        QCOMPARE(afcStatus(client), status);
-    // The port was used up by this connection.
-    RawClient again(mSim.socketPath());
-    QVERIFY(again.send(muxRequest("Connect", mPhoneId, port)));
-    QCOMPARE(again.muxResult(), qint64(3));
-}
-
-void TestDevsimRobust::randomBytesNeverCrash()
-{
-    quint32 x = 12345;
-    for (int round = 0; round < 40; ++round) {
-        QByteArray bytes(1 + int(x % 3000), '\0');
-        for (char& c : bytes) {
-            x = x * 1103515245u + 12345u;
-            c = char(x >> 16);
-        }
-        RawClient client(mSim.socketPath());
-        if (round % 2 == 1) {
-            QVERIFY(client.connectTo(mPhoneId, 62078));
-        } else {
-            // Random bytes behind a plausible usbmuxd header.
-            bytes = le32(quint32(16 + bytes.size())) + le32(1) + le32(8) + le32(round) + bytes;
-        }
-        client.send(bytes);
-        client.read(1 << 16, 50);
-    }
 }
 
 KAVREL_TEST_MAIN(TestDevsimRobust)

@@ -39,8 +39,6 @@ private slots:
     void ideviceinfoPrintsValues_data();
     void ideviceinfoPrintsValues();
     void ctlAttachListDetach();
-    void ctlReportsErrors_data();
-    void ctlReportsErrors();
     void afcRoundTripOf50MB();
 
 private:
@@ -122,30 +120,6 @@ void TestDevsimTools::ctlAttachListDetach()
     QCOMPARE(code, 0);
     QVERIFY(!outputLines("idevice_id", {"-l"}, &code).join('\n').contains(udid));
     QCOMPARE(mSim.attachedUdids(), QStringList({kPhone, kPad}));
-}
-
-void TestDevsimTools::ctlReportsErrors_data()
-{
-    QTest::addColumn<QStringList>("command");
-    QTest::addColumn<QString>("errorPart");
-    QTest::newRow("detach unknown") << QStringList{"detach", "nope"} << "no attached device";
-    QTest::newRow("attach twice") << QStringList{"attach", "iphone"} << "already attached";
-    const QString badUdid = mSim.tempDir() + "/badudid.json";
-    writeFile(badUdid, "{\"udid\": \"../../etc\"}");
-    QTest::newRow("udid with a path") << QStringList{"attach", badUdid} << "\"udid\"";
-}
-
-void TestDevsimTools::ctlReportsErrors()
-{
-    QFETCH(QStringList, command);
-    QFETCH(QString, errorPart);
-    int code = -1;
-    const QString out =
-        outputLines(KAVREL_DEVSIM, QStringList{"ctl", "--socket", mSim.socketPath()} + command,
-                    &code)
-            .join('\n');
-    QCOMPARE(code, 1);
-    QVERIFY2(out.startsWith("ERROR") && out.contains(errorPart), qPrintable(out));
 }
 
 void TestDevsimTools::afcRoundTripOf50MB()

@@ -1,18 +1,9 @@
-// The app services of kavrel-devsim (installation proxy, notification proxy) against
-// Debian's unmodified ideviceinstaller and through the libimobiledevice C API: listing,
-// installing a generated .ipa with its status messages and notifications, uninstalling,
-// and an injected install error.
+// The installation proxy of kavrel-devsim against Debian's unmodified ideviceinstaller:
+// listing, installing a generated .ipa, uninstalling, and an injected install error.
 
 #include "DevSim.h"
 #include "TestSupport.h"
 #include "ZipBuilder.h"
-
-#include <libimobiledevice/installation_proxy.h>
-#include <libimobiledevice/notification_proxy.h>
-
-#include <QElapsedTimer>
-#include <QMutex>
-#include <QWaitCondition>
 
 using namespace kavreltest;
 
@@ -75,144 +66,6 @@ QStringList listed(const QString& udid, const QString& option = {})
     return lines;
 }
 
-// Collects what a status callback receives, across the library's threads.
-struct StatusLog
-{
-    QMutex lock;
-    QWaitCondition changed;
-    QStringList statuses; // "Status percent", "Status" without percentage, "!Error: text"
-    bool done = false;
-
-    static void callback(plist_t, plist_t status, void* data)
-    {
-        auto* log = static_cast<StatusLog*>(data);
-        QMutexLocker locker(&log->lock);
-        const QString error = stringOf(status, "Error");
-        const QString name = stringOf(status, "Status");
-        const quint64 percent = uintOf(status, "PercentComplete");
-        if (!error.isEmpty())
-            log->statuses << "!" + error + ": " + stringOf(status, "ErrorDescription");
-        else if (percent != ~0ull)
-            log->statuses << name + " " + QString::number(percent);
-        else
-            log->statuses << name;
-        if (!error.isEmpty() || name == "Complete")
-            log->done = true;
-        log->changed.wakeAll();
-    }
-
-    bool waitDone(int ms = 20000)
-    {
-        QMutexLocker locker(&lock);
-        QElapsedTimer timer;
-        timer.start();
-        while (!done && timer.elapsed() < ms)
-            changed.wait(&lock, 100);
-        return done;
-    }
-};
-
-// Notification names a notification-proxy callback received.
-struct NotificationLog
-{
-    QMutex lock;
-    QStringList names;
-    static void callback(const char* name, void* data)
-    {
-        auto* log = static_cast<NotificationLog*>(data);
-        QMutexLocker locker(&log->lock);
-        if (name && *name)
-            log->names << QString::fromUtf8(name);
-    }
-    bool waitFor(const QString& name, int ms = 10000)
-    {
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < ms) {
-            {
-                QMutexLocker locker(&lock);
-                if (names.contains(name))
-                    return true;
-            }
-            QTest::qWait(50);
-        }
-        return false;
-    }
-};
-
-class InstProxy
-{
-public:
-    explicit InstProxy(Session& session)
-    {
-        if (lockdownd_service_descriptor_t service =
-                session.start("com.apple.mobile.installation_proxy")) {
-            instproxy_client_new(session.device, service, &mClient);
-            lockdownd_service_descriptor_free(service);
-        }
-    }
-    ~InstProxy()
-    {
-        if (mClient)
-            instproxy_client_free(mClient);
-    }
-    instproxy_client_t get() const { return mClient; }
-
-private:
-    instproxy_client_t mClient = nullptr;
-};
-
-class NotificationProxy
-{
-public:
-    NotificationProxy(Session& session, NotificationLog* log, const QStringList& names)
-    {
-        if (lockdownd_service_descriptor_t service =
-                session.start("com.apple.mobile.notification_proxy")) {
-            np_client_new(session.device, service, &mClient);
-            lockdownd_service_descriptor_free(service);
-        }
-        if (!mClient)
-            return;
-        if (log)
-            np_set_notify_callback(mClient, NotificationLog::callback, log);
-        for (const QString& name : names)
-            np_observe_notification(mClient, name.toUtf8().constData());
-    }
-    ~NotificationProxy()
-    {
-        if (mClient)
-            np_client_free(mClient);
-    }
-    np_client_t get() const { return mClient; }
-
-private:
-    np_client_t mClient = nullptr;
-};
-
-const QStringList kInstallSteps = {"CreatingStagingDirectory 5",
-                                   "ExtractingPackage 15",
-                                   "InspectingPackage 20",
-                                   "TakingInstallLock 20",
-                                   "PreflightingApplication 30",
-                                   "InstallingEmbeddedProfile 30",
-                                   "VerifyingApplication 40",
-                                   "CreatingContainer 50",
-                                   "InstallingApplication 60",
-                                   "PostflightingApplication 70",
-                                   "SandboxingApplication 80",
-                                   "GeneratingApplicationMap 90",
-                                   "Complete"};
-
-// Puts a package file into the phone's media folder, where the installer looks for it.
-bool stage(const QString& path, const QByteArray& bytes)
-{
-    Session session(kPhone);
-    Afc afc(session.afc());
-    return afc && afc_make_directory(afc.get(), "PublicStaging") == AFC_E_SUCCESS &&
-           writeAfcFile(afc.get(), path, bytes);
-}
-
 } // namespace
 
 class TestDevsimApps : public QObject
@@ -223,7 +76,6 @@ private slots:
     void listsApps_data();
     void listsApps();
     void installListServeUninstall();
-    void installReportsStepsAndNotifies();
     void refusedInstallReportsError();
 
 private:
@@ -297,51 +149,6 @@ void TestDevsimApps::refusedInstallReportsError()
              qPrintable(install.out + install.err));
     QVERIFY(!install.out.contains("Install: Complete"));
     QVERIFY(listed(refusing.udid(), "list_all").isEmpty());
-}
-
-void TestDevsimApps::installReportsStepsAndNotifies()
-{
-    Package package;
-    package.bundleId = "com.example.steps";
-    package.bundleName = "Steps";
-    QVERIFY(stage("PublicStaging/steps", readFile(writeIpa(package))));
-
-    Session session(kPhone);
-    QVERIFY(session.ok());
-    NotificationLog notifications;
-    NotificationProxy np(
-        session, &notifications,
-        {"com.apple.mobile.application_installed", "com.apple.mobile.application_uninstalled"});
-    QVERIFY(np.get());
-    InstProxy proxy(session);
-    QVERIFY(proxy.get());
-
-    StatusLog log;
-    QCOMPARE(
-        instproxy_install(proxy.get(), "PublicStaging/steps", nullptr, StatusLog::callback, &log),
-        INSTPROXY_E_SUCCESS);
-    QVERIFY(log.waitDone());
-    {
-        QMutexLocker locker(&log.lock);
-        QCOMPARE(log.statuses, kInstallSteps);
-    }
-    QVERIFY(notifications.waitFor("com.apple.mobile.application_installed"));
-
-    // The proxy takes the next command on the same connection once the library's status
-    // thread of the first one has ended.
-    StatusLog removal;
-    instproxy_error_t sent = INSTPROXY_E_OP_IN_PROGRESS;
-    for (int tries = 0; sent == INSTPROXY_E_OP_IN_PROGRESS && tries < 100; ++tries) {
-        sent = instproxy_uninstall(proxy.get(), "com.example.steps", nullptr, StatusLog::callback,
-                                   &removal);
-        if (sent == INSTPROXY_E_OP_IN_PROGRESS)
-            QTest::qWait(50);
-    }
-    QCOMPARE(sent, INSTPROXY_E_SUCCESS);
-    QVERIFY(removal.waitDone());
-    QCOMPARE(removal.statuses,
-             QStringList({"RemovingApplication 50", "GeneratingApplicationMap 90", "Complete"}));
-    QVERIFY(notifications.waitFor("com.apple.mobile.application_uninstalled"));
 }
 
 KAVREL_TEST_MAIN(TestDevsimApps)
