@@ -61,7 +61,8 @@ void TestPngfix::convertsInPlaceAndPngcheckAccepts()
     // The colours come back demultiplied.
     QImage image;
     QVERIFY(image.load(path, "PNG"));
-    const uint8_t* p = &iconRecipe(true).pixels[(10 * 57 + 20) * 4];
+    const PngRecipe recipe = iconRecipe(true); // alive while its pixels are read
+    const uint8_t* p = &recipe.pixels[(10 * 57 + 20) * 4];
     auto demul = [&](int c) { return (premultiplied(p[c], p[3]) * 255 + p[3] / 2) / p[3]; };
     QCOMPARE(image.pixel(20, 10), qRgba(demul(0), demul(1), demul(2), p[3]));
 }
