@@ -57,21 +57,11 @@ int runIcons(const QStringList& args)
         QStringLiteral("library-bytes"),
         QStringLiteral("Convert crushed icons with the library's default row filtering."));
     parser.addOptions({outDir, libraryBytes});
-    parser.addPositionalArgument(QStringLiteral("APPID"), QStringLiteral("Bundle identifiers."),
-                                 QStringLiteral("APPID..."));
+    QStringList ids;
+    QString udid;
     int code = 0;
-    if (!parseCommandLine(parser, QStringLiteral("icons"), args, code))
+    if (!parseAppIdsOnDevice(parser, QStringLiteral("icons"), args, &ids, &udid, &code))
         return code;
-    QStringList ids = parser.positionalArguments();
-    if (ids.isEmpty()) {
-        err() << "kavrel icons: expected at least one APPID (see 'kavrel icons --help')\n";
-        err().flush();
-        return 2;
-    }
-    quietLibraryLog();
-    const QString udid = chooseAttachedUdid(parser, QStringLiteral("icons"));
-    if (udid.isEmpty())
-        return 1;
     const QString dir = parser.value(outDir);
     if (!dir.isEmpty() && !QDir().mkpath(dir)) {
         err() << "kavrel icons: cannot create " << dir << "\n";

@@ -47,21 +47,11 @@ int runSizes(const QStringList& args)
     const QCommandLineOption json(
         QStringLiteral("json"), QStringLiteral("Print the library's batch documents as they are."));
     parser.addOption(json);
-    parser.addPositionalArgument(QStringLiteral("APPID"), QStringLiteral("Bundle identifiers."),
-                                 QStringLiteral("APPID..."));
+    QStringList ids;
+    QString udid;
     int code = 0;
-    if (!parseCommandLine(parser, QStringLiteral("sizes"), args, code))
+    if (!parseAppIdsOnDevice(parser, QStringLiteral("sizes"), args, &ids, &udid, &code))
         return code;
-    QStringList ids = parser.positionalArguments();
-    if (ids.isEmpty()) {
-        err() << "kavrel sizes: expected at least one APPID (see 'kavrel sizes --help')\n";
-        err().flush();
-        return 2;
-    }
-    quietLibraryLog();
-    const QString udid = chooseAttachedUdid(parser, QStringLiteral("sizes"));
-    if (udid.isEmpty())
-        return 1;
     DBManager* db = openCatalog(QStringLiteral("sizes"));
     if (!db)
         return 1;

@@ -34,6 +34,27 @@ void quietLibraryLog()
         qInstallMessageHandler(dropDebugLines);
 }
 
+bool parseAppIdsOnDevice(QCommandLineParser& parser, const QString& command,
+                         const QStringList& args, QStringList* ids, QString* udid, int* code)
+{
+    parser.addPositionalArgument(QStringLiteral("APPID"), QStringLiteral("Bundle identifiers."),
+                                 QStringLiteral("APPID..."));
+    if (!parseCommandLine(parser, command, args, *code))
+        return false;
+    *ids = parser.positionalArguments();
+    if (ids->isEmpty()) {
+        err() << "kavrel " << command << ": expected at least one APPID (see 'kavrel " << command
+              << " --help')\n";
+        err().flush();
+        *code = 2;
+        return false;
+    }
+    quietLibraryLog();
+    *udid = chooseAttachedUdid(parser, command);
+    *code = 1;
+    return !udid->isEmpty();
+}
+
 QStringList attachedUdids(DeviceLookup* how)
 {
     QStringList udids;

@@ -41,6 +41,12 @@ namespace kavrelcli {
 // an empty string when there is none.
 QString chooseAttachedUdid(const QCommandLineParser& parser, const QString& command);
 
+// For a command that takes APPID... on one attached device: parses args, then picks the
+// device. False (with the exit status in code) when the command is to end here: help,
+// a usage error, no APPID, no such device.
+bool parseAppIdsOnDevice(QCommandLineParser& parser, const QString& command,
+                         const QStringList& args, QStringList* ids, QString* udid, int* code);
+
 // The identifiers among ids that the device does not have installed (an app lookup
 // through the installation service). ok is false when the device could not be asked.
 QStringList missingApps(const QString& udid, const QStringList& ids, bool* ok);
