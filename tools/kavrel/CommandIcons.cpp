@@ -72,13 +72,7 @@ int runIcons(const QStringList& args)
     if (!db)
         return 1;
     preferQuickCommits(db);
-    bool asked = false;
-    const QStringList missing = missingApps(udid, ids, &asked);
-    for (const QString& app : missing) {
-        err() << "kavrel icons: app " << app << " is not installed on " << udid << "\n";
-        ids.removeAll(app);
-    }
-    err().flush();
+    const QStringList missing = dropMissingApps(QStringLiteral("icons"), udid, &ids);
 
     int failed = missing.size();
     DeviceManager manager;

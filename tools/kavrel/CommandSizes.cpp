@@ -56,13 +56,7 @@ int runSizes(const QStringList& args)
     if (!db)
         return 1;
     preferQuickCommits(db);
-    bool asked = false;
-    const QStringList missing = missingApps(udid, ids, &asked);
-    for (const QString& app : missing) {
-        err() << "kavrel sizes: app " << app << " is not installed on " << udid << "\n";
-        ids.removeAll(app);
-    }
-    err().flush();
+    const QStringList missing = dropMissingApps(QStringLiteral("sizes"), udid, &ids);
 
     DeviceManager manager;
     const bool raw = parser.isSet(json);

@@ -155,6 +155,18 @@ QStringList missingApps(const QString& udid, const QStringList& ids, bool* ok)
     return missing;
 }
 
+QStringList dropMissingApps(const QString& command, const QString& udid, QStringList* ids)
+{
+    bool asked = false;
+    const QStringList missing = missingApps(udid, *ids, &asked);
+    for (const QString& app : missing) {
+        err() << "kavrel " << command << ": app " << app << " is not installed on " << udid << "\n";
+        ids->removeAll(app);
+    }
+    err().flush();
+    return missing;
+}
+
 int runBatches(DeviceManager& manager, bool sizes, const QString& udid, const QStringList& ids,
                const std::function<int(const QString& document)>& onBatch)
 {

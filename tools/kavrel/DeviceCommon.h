@@ -50,6 +50,9 @@ bool parseAppIdsOnDevice(QCommandLineParser& parser, const QString& command,
 // The identifiers among ids that the device does not have installed (an app lookup
 // through the installation service). ok is false when the device could not be asked.
 QStringList missingApps(const QString& udid, const QStringList& ids, bool* ok);
+// Takes the apps the device does not have out of ids, with one error line each, and
+// returns them.
+QStringList dropMissingApps(const QString& command, const QString& udid, QStringList* ids);
 
 // Runs one batch request of the manager (sizes or icons) to its end. onBatch gets each
 // batch's udid and document and returns how many apps it held. On a terminal a count
