@@ -12,11 +12,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTimer>
-
-#include <csignal>
 
 using namespace kavreltest;
 
@@ -107,9 +104,8 @@ class TestDeviceOperations : public QObject
         profile.faults(faults).apps(apps);
         return mSim.attach(profile) ? profile.udid() : QString();
     }
-    // An .ipa of kAppId, without Info.plist when info is false; padding adds
-    // incompressible bytes so an upload takes many chunks.
-    QString ipa(const QString& name, bool info = true, int padding = 0)
+    // An .ipa of kAppId, without Info.plist when info is false.
+    QString ipa(const QString& name, bool info = true)
     {
         ZipBuilder zip;
         if (info) {
@@ -118,11 +114,8 @@ class TestDeviceOperations : public QObject
             plist_dict_set_item(dict, "CFBundleExecutable", plist_new_string("Sample"));
             zip.add("Payload/Sample.app/Info.plist", plistBytes(dict, true));
         }
-        QByteArray pad(padding, '\0');
-        for (char& c : pad)
-            c = char(QRandomGenerator::global()->generate());
         const QString path = mSim.tempDir() + "/" + name;
-        return zip.add("Payload/Sample.app/Sample", QByteArray(2048, '\x7f') + pad).write(path)
+        return zip.add("Payload/Sample.app/Sample", QByteArray(2048, '\x7f')).write(path)
                    ? path
                    : QString();
     }
@@ -140,35 +133,23 @@ private slots:
         QTest::addColumn<QJsonObject>("faults");
         QTest::addColumn<QString>("file"); // without Info.plist when it starts with "bare"
         QTest::addColumn<bool>("upgrade");
-        QTest::addColumn<int>("padding");
         QTest::addColumn<bool>("whole"); // expected holds every line, not only the last ones
         QTest::addColumn<QStringList>("expected");
         const QJsonObject none;
-        const QStringList copied = installLines("Install", kAppId).mid(0, 1);
-        const QString copyError = "Install:KInstArchiveCopyError:" + kAppId + ":0:0:1";
-        QTest::newRow("install") << none << "a.ipa" << false << 0 << true
+        QTest::newRow("install") << none << "a.ipa" << false << true
                                  << installLines("Install", kAppId);
-        QTest::newRow("upgrade") << none << "b.ipa" << true << 0 << true
+        QTest::newRow("upgrade") << none << "b.ipa" << true << true
                                  << installLines("Upgrade", kAppId);
         // Without Info.plist the record's id names the upload; the device refuses it.
         QTest::newRow("no Info.plist")
-            << none << "bare.ipa" << false << 0 << true
+            << none << "bare.ipa" << false << true
             << installLines("Install", "record.id").mid(0, 4) +
                    QStringList{"Install:PackageInspectionFailed:record.id:100:0:1"};
         QTest::newRow("path outside GBK")
-            << none << QString::fromUtf8("\xF0\x9F\x98\x80.ipa") << false << 0 << true
+            << none << QString::fromUtf8("\xF0\x9F\x98\x80.ipa") << false << true
             << QStringList{"Install:KInstIpaOpenError:record.id:0:0:1"};
-        QTest::newRow("AFC refused")
-            << QJsonObject{{"failServices", QJsonArray{"com.apple.afc"}}} << "c.ipa" << false << 0
-            << true << QStringList{"Install:KInstServiceError:record.id:0:0:1"};
-        QTest::newRow("cut mid-upload")
-            << QJsonObject{{"dropAfterBytes", 2000}, {"dropService", "com.apple.afc"}} << "d.ipa"
-            << false << 1 << false << copied + QStringList{copyError};
-        QTest::newRow("detached mid-upload")
-            << QJsonObject{{"detachAfterAfcBytes", 300000}} << "e.ipa" << false << 1 << false
-            << copied + QStringList{copyError};
         QTest::newRow("device error")
-            << QJsonObject{{"installError", "APIInternalError"}} << "f.ipa" << false << 0 << false
+            << QJsonObject{{"installError", "APIInternalError"}} << "f.ipa" << false << false
             << QStringList{"Install:VerifyingApplication:" + kAppId + ":40:1:1",
                            "Install:APIInternalError:" + kAppId + ":100:0:1"};
     }
@@ -180,14 +161,12 @@ private slots:
         QFETCH(QJsonObject, faults);
         QFETCH(QString, file);
         QFETCH(bool, upgrade);
-        QFETCH(int, padding);
         QFETCH(bool, whole);
         QFETCH(QStringList, expected);
         const QString udid = attach(faults);
         Host host;
         LogCapture log;
-        host.manager.installIpa(udid, ipa(file, !file.startsWith("bare"), padding << 20),
-                                "record.id", upgrade);
+        host.manager.installIpa(udid, ipa(file, !file.startsWith("bare")), "record.id", upgrade);
         host.manager.uninstallApp(mPlain, "com.kavrel.none");
         QVERIFY(host.settle());
         QStringList lines = host.lines();
@@ -196,44 +175,6 @@ private slots:
         // Only a completed install (not an upgrade) asks for the app's size.
         QCOMPARE(log.contains("Trying to getappsize for installed app..."),
                  expected.last() == "Install:Complete:" + kAppId + ":100:1:1");
-    }
-
-    // A device that falls silent: the installer gives up waiting after 30 s, the job
-    // stays busy until the guard timer ends it with the last line rewritten, then the
-    // queue goes on.
-    void silentDevice()
-    {
-        const QString udid = attach({{"silent", true}});
-        Host host;
-        host.guard()->setInterval(32000);
-        LogCapture log;
-        QElapsedTimer clock;
-        clock.start();
-        host.manager.installIpa(udid, ipa("silent.ipa"), QString(), false);
-        host.manager.uninstallApp(mPlain, "com.kavrel.none");
-        QTRY_VERIFY_WITH_TIMEOUT(log.contains("DeviceInstallerParallel::slotGetInstaller"), 40000);
-        QVERIFY2(clock.elapsed() >= 30000 && clock.elapsed() < 32000,
-                 qPrintable(QString::number(clock.elapsed())));
-        QVERIFY(!host.manager.canInstall());
-        QVERIFY(host.settle(10000));
-        QCOMPARE(host.lines(), installLines("Install", kAppId).mid(0, 2)
-                                   << QStringList({"Install:ErrorOnTimeout:" + kAppId + ":100:0:0",
-                                                   "Uninstall:Complete:com.kavrel.none:100:1:1"}));
-    }
-
-    // Pulling the cable in the middle of a report leaves the host alive even when it
-    // left SIGPIPE at its default, and the report comes back (empty).
-    void unplugDuringReport()
-    {
-        std::signal(SIGPIPE, SIG_DFL);
-        const QString udid = attach({{"detachAfterAfcBytes", 1}});
-        Host host;
-        QSignalSpy info(&host.manager, &DeviceManager::signalDevInfo);
-        host.manager.getDevInfo(udid);
-        QVERIFY(info.wait(30000));
-        QCOMPARE(info.at(0).at(0).toString(), udid);
-        QTRY_VERIFY(
-            !mSim.attachedUdids().contains(udid)); // the simulator detaches on its own thread
     }
 
     void uninstall_data()

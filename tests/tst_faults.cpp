@@ -18,6 +18,8 @@
 #include <QThreadPool>
 #include <QTimer>
 
+#include <csignal>
+
 using namespace kavreltest;
 
 class TestDeviceManagerAccess
@@ -83,6 +85,8 @@ class TestFaults : public QObject
 private slots:
     void initTestCase()
     {
+        // A host that left SIGPIPE at its default must survive a device that goes away.
+        std::signal(SIGPIPE, SIG_DFL);
         QVERIFY(mSim.start(QStringList{}));
         DeviceProfile healthy(testUdid(1));
         healthy.apps({QJsonObject{{"bundleId", "com.f.healthy"}}});
@@ -118,22 +122,41 @@ private slots:
                        int bound = 20000) {
             QTest::newRow(name) << int(op) << faults << QString(failure) << bound;
         };
+        // Failure texts name the app as %app; install and upgrade upload com.f.new.
         row("info, AFC refused", Info, refused(kAfc), "info:full");
         row("info, lockdown cut", Info, dropped(kLockdown, 300), "info:empty");
         row("info, detached", Info, kDetached, "info:full");
         row("info, malformed AFC", Info, malformed(kAfc), "info:full");
         row("write, lockdown cut", Write, dropped(kLockdown, 300), "write:0");
         row("write, detached", Write, {{"detachFirst", true}}, "write:0");
-        row("install, AFC refused", Install, refused(kAfc), "Install:KInstServiceError");
-        row("install, AFC cut", Install, dropped(kAfc, 2000), "Install:KInstArchiveCopyError");
+        row("install, AFC refused", Install, refused(kAfc),
+            "Install:KInstServiceError:com.f.new:0:0:1");
+        row("install, AFC cut", Install, dropped(kAfc, 2000),
+            "Install:KInstArchiveCopyError:com.f.new:0:0:1");
         row("install, detached", Install, {{"detachAfterAfcBytes", 300000}},
-            "Install:KInstArchiveCopyError");
+            "Install:KInstArchiveCopyError:com.f.new:0:0:1");
+        // The device keeps part of the upload and says nothing: it fails the package.
+        row("install, partial write", Install, {{"afcWriteLimit", 3000}},
+            "Install:PackageExtractionFailed:com.f.new:100:0:1");
+        row("install, device error", Install, {{"installError", "APIInternalError"}},
+            "Install:APIInternalError:com.f.new:100:0:1");
         row("install, silent", Install, {{"silent", true}},
             "Install:ErrorOnTimeout:com.f.new:100:0:0", 40000);
+        row("upgrade, AFC cut", Upgrade, dropped(kAfc, 2000),
+            "Upgrade:KInstArchiveCopyError:com.f.new:0:0:1");
+        row("upgrade, partial write", Upgrade, {{"afcWriteLimit", 3000}},
+            "Upgrade:PackageExtractionFailed:com.f.new:100:0:1");
+        row("upgrade, device error", Upgrade, {{"installError", "APIInternalError"}},
+            "Upgrade:APIInternalError:com.f.new:100:0:1");
+        // Nothing ever answers: only a guard from the operation's start ends it.
+        row("uninstall, proxy malformed", Uninstall,
+            {{"malformed", QJsonObject{{kProxy, "bytes"}}}, {"guardFromStart", true}},
+            "Uninstall:ErrorOnTimeout:%app:100:0:1", 40000);
         row("uninstall, refused", Uninstall, refused(kProxy), ":KInstServiceError:");
-        row("archive, detached", Archive, kDetached, "Archive:KInstInternalError:com.f.app");
-        row("archive, malformed AFC", Archive, malformed(kAfc),
-            "Archive:KInstInternalError:com.f.app");
+        row("uninstall, device error", Uninstall, {{"uninstallError", "APIInternalError"}},
+            "Uninstall:APIInternalError:%app:100:0:1");
+        row("archive, detached", Archive, kDetached, "Archive:KInstInternalError:%app");
+        row("archive, malformed AFC", Archive, malformed(kAfc), "Archive:KInstInternalError:%app");
         row("listing, refused", Listing, refused(kProxy), "list:empty");
         row("listing, AFC refused", Listing, refused(kAfc), "list:empty");
         row("listing, proxy cut", Listing, dropped(kProxy, 100), "list:empty");
@@ -155,6 +178,7 @@ private slots:
         QFETCH(QString, failure);
         QFETCH(int, boundMs);
         const QString appid = QStringLiteral("com.f.app%1").arg(mNext);
+        failure.replace("%app", appid);
         DeviceProfile profile(testUdid(mNext++));
         profile.faults(faults).apps({QJsonObject{{"bundleId", appid}, {"documentsSize", 500}}});
         QVERIFY(mSim.attach(profile));
@@ -168,6 +192,7 @@ private slots:
         {
             DeviceManager manager;
             manager.findChild<QTimer*>()->setInterval(31000);
+            manager.setGuardFromStart(faults.contains("guardFromStart"));
             QSignalSpy progress(&manager, &DeviceManager::signalDevProgress);
             QSignalSpy info(&manager, &DeviceManager::signalDevInfo);
             QSignalSpy write(&manager, &DeviceManager::signalUpdateDevInfo);

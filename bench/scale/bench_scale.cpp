@@ -39,6 +39,10 @@ bool waitFor(const std::function<bool()>& done, int timeoutMs = 120000)
         if (timer.elapsed() > timeoutMs)
             return false;
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        // A host's event loop deletes the jobs the manager let go (deleteLater) as
+        // control returns to it; processEvents() alone never does, and they would
+        // pile up as if the library kept them.
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         QThread::msleep(1);
     }
     return true;

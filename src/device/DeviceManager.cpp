@@ -1,8 +1,8 @@
 #include "DeviceManager.h"
 
-#include "DeviceAppListParallel.h"
 #include "DeviceAppIcon.h"
 #include "DeviceAppIconParallel.h"
+#include "DeviceAppListParallel.h"
 #include "DeviceAppSizeParallel.h"
 #include "DeviceHelper.h"
 #include "DeviceInfoParallel.h"
@@ -323,8 +323,17 @@ void DeviceManager::install(const OperationInfo* info)
         delete info;
         return;
     }
+    if (mGuardFromStart) {
+        mLastStatus.clear();
+        mInstallTimer->start();
+    }
     // The installer session takes the record over.
     mInstallerJob = new DeviceInstallerParallel(this, info);
+}
+
+void DeviceManager::setGuardFromStart(bool on)
+{
+    mGuardFromStart = on;
 }
 
 void DeviceManager::installNextOne()
@@ -384,14 +393,31 @@ void DeviceManager::slotInstallerTimeout()
     qDebug() << "DeviceManager::slotInstallerTimeout";
     QString appid;
     QByteArray icon;
+    int type = KOperationInstall;
     if (mInstallerJob && mInstallerJob->mInfo) {
         appid = mInstallerJob->mInfo->mAppid;
-        icon = getAppIcon(mInstallerJob->mInfo->mUdid, appid);
+        type = mInstallerJob->mInfo->mType;
     }
+    // With the guard from the start, an uninstall or archive that never answered says so
+    // under its own name: an icon on the device tells nothing about them.
+    const bool removal = type == KOperationUninstall || type == KOperationArchive;
+    if (mGuardFromStart && removal && mLastStatus.isEmpty()) {
+        const QString name =
+            type == KOperationUninstall ? QStringLiteral("Uninstall") : QStringLiteral("Archive");
+        emit signalDevProgress(ProgressLine::operationTimedOut(name, appid));
+        return finishTimedOutJob();
+    }
+    if (mInstallerJob && mInstallerJob->mInfo)
+        icon = getAppIcon(mInstallerJob->mInfo->mUdid, appid);
     // An app whose icon the device can show counts as installed.
     const QString line = icon.isEmpty() ? ProgressLine::timedOut(mLastStatus, appid)
                                         : ProgressLine::installCompleted(appid);
     emit signalDevProgress(line);
+    finishTimedOutJob();
+}
+
+void DeviceManager::finishTimedOutJob()
+{
     delete mInstallerJob;
     mInstallerJob = nullptr;
     installNextOne();

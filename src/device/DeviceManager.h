@@ -57,6 +57,11 @@ public:
     void cancelInstallByAppid(const OperationInfo* info);
     // True when no operation runs.
     bool canInstall();
+    // Off by default: the guard timer starts with an operation's first progress line, so
+    // a device that never answers an uninstall or archive holds the queue for good.
+    // On: the timer also runs from the start of every installer operation, and a time-out
+    // line names that operation's app, never the previous one's last line.
+    void setGuardFromStart(bool on);
     void saveOperation(OperationInfo* info);
     bool hasRequestedOperation(OperationInfo* info);
     // The cancel match: same type, and target's app id contains queued's.
@@ -89,6 +94,7 @@ public slots:
     void slotInstallerTimeout();
 
 private:
+    void finishTimedOutJob();
     // Relays the result of a device-information job and releases the job.
     void releaseInfoJob(QObject* job);
     void releaseAppListJob();
@@ -106,6 +112,7 @@ private:
     DeviceAppIconParallel* mAppIconJob;
     QTimer* mInstallTimer;
     QString mLastStatus;
+    bool mGuardFromStart = false;
 
     // Lets the tests look at the jobs in flight.
     friend class TestDeviceManagerAccess;

@@ -115,7 +115,12 @@ QString ProgressLine::installCompleted(const QString& appid)
 
 QString ProgressLine::installTimedOut(const QString& appid)
 {
-    return QStringLiteral("Install:ErrorOnTimeout:%1:100:0:1").arg(appid);
+    return operationTimedOut(QStringLiteral("Install"), appid);
+}
+
+QString ProgressLine::operationTimedOut(const QString& operation, const QString& appid)
+{
+    return QStringLiteral("%1:ErrorOnTimeout:%2:100:0:1").arg(operation, appid);
 }
 
 QString ProgressLine::timedOut(const QString& lastLine, const QString& appid)

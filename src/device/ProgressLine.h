@@ -55,6 +55,7 @@ public:
     // The manager's lines when its guard timer expires.
     static QString installCompleted(const QString& appid);
     static QString installTimedOut(const QString& appid);
+    static QString operationTimedOut(const QString& operation, const QString& appid);
     // The last intermediate line with field 2 made "ErrorOnTimeout" and field 5 "0";
     // installTimedOut(appid) when there was none or it has not exactly six fields.
     static QString timedOut(const QString& lastLine, const QString& appid);

@@ -57,6 +57,8 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), mManager(new Devi
 {
     setWindowTitle(tr("kavrel desk"));
     setAcceptDrops(true);
+    // A phone that never answers an operation must not hold the queue for good.
+    mManager->setGuardFromStart(true);
     // The catalog is opened here, on the window's thread, before any job needs it.
     DBManager::instance();
 

@@ -14,6 +14,8 @@ namespace kavrelcli {
 OperationRunner::OperationRunner(DeviceManager& manager, const QString& command, bool rawLines)
     : mManager(manager), mCommand(command), mRawLines(rawLines), mTerminal(isatty(1) != 0)
 {
+    // A device that never answers must not hold the command for good.
+    mManager.setGuardFromStart(true);
     QObject::connect(&mManager, &DeviceManager::signalDevProgress,
                      [this](const QString& line) { onLine(line); });
 }
