@@ -13,14 +13,12 @@
 
 namespace {
 
-const QByteArray kRunningQuery = "\nSERVICE_NAME: Apple Mobile Device\n"
-                                 "        TYPE               : 10  WIN32_OWN_PROCESS\n"
-                                 "        STATE              : 4  RUNNING\n"
-                                 "        SERVICE_EXIT_CODE  : 0  (0x0)\n";
-const QByteArray kStoppedQuery = "\nSERVICE_NAME: Apple Mobile Device\n"
-                                 "        STATE              : 1  STOPPED\n"
-                                 "        SERVICE_EXIT_CODE  : 0  (0x0)\n";
-const QByteArray kStartPending = "\nSERVICE_NAME: Apple Mobile Device\n"
+// What `sc` prints when asked about the service, and when asked to start it.
+const QByteArray kRunningQuery = "SERVICE_NAME: Apple Mobile Device\n"
+                                 "        STATE              : 4  RUNNING\n";
+const QByteArray kStoppedQuery = "SERVICE_NAME: Apple Mobile Device\n"
+                                 "        STATE              : 1  STOPPED\n";
+const QByteArray kStartPending = "SERVICE_NAME: Apple Mobile Device\n"
                                  "        STATE              : 2  START_PENDING\n"
                                  "        SERVICE_EXIT_CODE  : 0  (0x0)\n";
 const QByteArray kAlreadyRunning =
@@ -31,15 +29,6 @@ const QByteArray kCrash = "kill -KILL $$\n";
 QByteArray printing(const QByteArray& text)
 {
     return "cat <<'EOF'\n" + text + "EOF\n";
-}
-
-bool writeScript(const QString& file, const QByteArray& body, bool executable = true)
-{
-    QFile::remove(file);
-    QFile::Permissions perms = QFile::ReadOwner | QFile::WriteOwner;
-    if (executable)
-        perms |= QFile::ExeOwner;
-    return kavreltest::writeFile(file, "#!/bin/sh\n" + body) && QFile::setPermissions(file, perms);
 }
 
 // A folder put in front of PATH while the object lives, holding an `sc` of the test's own
@@ -56,8 +45,12 @@ public:
     QString path(const QString& name) const { return mDir.filePath(name); }
     bool writeSc(const QByteArray& body, bool executable = true) const
     {
+        const QString sc = path("sc");
+        QFile::remove(sc);
         const QByteArray record = "printf '%s|' \"$@\" > '" + QFile::encodeName(path("arguments"));
-        return writeScript(path("sc"), record + "'\n" + body, executable);
+        return kavreltest::writeFile(sc, "#!/bin/sh\n" + record + "'\n" + body) &&
+               QFile::setPermissions(sc, QFile::ReadOwner | QFile::WriteOwner |
+                                             (executable ? QFile::ExeOwner : QFile::Permission()));
     }
 
 private:

@@ -9,17 +9,9 @@
 
 namespace fuzzinput {
 
-enum Flag : uint8_t
-{
-    AllowPlain = 1,
-    ListChunks = 2,
-    PrintInfo = 4,
-    Informational = 8,
-    NoFixAlpha = 16,
-    NoWrite = 32,
-    SmallIdat = 64, // split the output into IDAT chunks of 7 bytes
-    OutputDir = 128,
-};
+// Option bits; SmallIdat splits the output into IDAT chunks of 7 bytes.
+constexpr uint8_t AllowPlain = 1, ListChunks = 2, PrintInfo = 4, Informational = 8, NoFixAlpha = 16,
+                  NoWrite = 32, SmallIdat = 64, OutputDir = 128;
 
 // A fresh folder, in memory (/dev/shm) where there is one: every input is written to a
 // file, and the disk is the bottleneck otherwise.

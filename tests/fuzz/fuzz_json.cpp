@@ -42,11 +42,9 @@ struct Reader
     QString text() { return QString::fromUtf8(bytes()); }
     template <typename T> T number()
     {
-        unsigned char raw[sizeof(T)];
-        for (unsigned char& b : raw)
-            b = byte();
         T value;
-        memcpy(&value, raw, sizeof(T));
+        for (size_t i = 0; i < sizeof(T); ++i)
+            reinterpret_cast<unsigned char*>(&value)[i] = byte();
         return value;
     }
 };

@@ -1,6 +1,7 @@
 // Writes the seed corpus of fuzz_pngcrush into the folder given as argument: small
-// crushed and plain PNG files of every colour type the converter handles, interlaced
-// and not, with every row filter, each prefixed by an option byte (FuzzInput.h).
+// crushed (and, with the allow-plain option, plain) PNG files of every colour type the
+// converter handles, interlaced and not, with every row filter, each prefixed by an
+// option byte (FuzzInput.h).
 
 #include "FuzzInput.h"
 #include "PngBuilder.h"
@@ -22,27 +23,20 @@ int main(int argc, char** argv)
         writeFile(path, file.data(), file.size());
     };
     const uint8_t optionSets[] = {0, PrintInfo | Informational, ListChunks | SmallIdat,
-                                  OutputDir | NoFixAlpha, AllowPlain};
+                                  OutputDir | NoFixAlpha, AllowPlain | PrintInfo};
     const uint32_t sizes[][2] = {{1, 1}, {3, 2}, {5, 5}, {9, 4}, {16, 16}};
     for (int colorType : {2, 6, 0, 3})
         for (bool interlaced : {false, true})
             for (int filter = -1; filter <= 4; ++filter)
                 for (const auto& size : sizes) {
-                    PngRecipe recipe{size[0], size[1], colorType, interlaced};
+                    // The allow-plain seeds are plain files.
+                    PngRecipe recipe{size[0], size[1], colorType, interlaced, count % 5 != 4};
                     recipe.filter = filter;
                     recipe.pixels = testPixels(size[0], size[1], colorType, count);
                     recipe.palette = testPixels(16, 1, 2, 7);
                     recipe.idatSize = (count % 3 == 0) ? 9 : 0;
                     seed(optionSets[count % 5], recipe);
                 }
-    // Plain files, for the allow-plain path.
-    for (int colorType : {2, 6}) {
-        PngRecipe recipe{7, 6, colorType, false, false};
-        recipe.filter = -1;
-        recipe.pixels = testPixels(7, 6, colorType, 3);
-        seed(AllowPlain, recipe);
-        seed(AllowPlain | PrintInfo, recipe);
-    }
     printf("%d seeds\n", count);
     return 0;
 }

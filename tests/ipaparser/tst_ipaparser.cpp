@@ -15,34 +15,24 @@ namespace {
 
 const QString kApp = QStringLiteral("Payload/Sample.app/");
 
-// Turns a map of strings, numbers and lists into a binary or XML property list.
-plist_t toPlistNode(const QVariant& value)
-{
-    switch (value.type()) {
-    case QVariant::Map: {
-        plist_t dict = plist_new_dict();
-        const QVariantMap map = value.toMap();
-        for (auto it = map.begin(); it != map.end(); ++it)
-            plist_dict_set_item(dict, it.key().toUtf8().constData(), toPlistNode(it.value()));
-        return dict;
-    }
-    case QVariant::List:
-    case QVariant::StringList: {
-        plist_t array = plist_new_array();
-        for (const QVariant& item : value.toList())
-            plist_array_append_item(array, toPlistNode(item));
-        return array;
-    }
-    case QVariant::Int:
-        return plist_new_uint(value.toUInt());
-    default:
-        return plist_new_string(value.toString().toUtf8().constData());
-    }
-}
-
+// A property list of texts (a string list becomes an array), as XML or binary.
 QByteArray plistBytes(const QVariantMap& map, bool binary)
 {
-    return kavreltest::plistBytes(toPlistNode(map), binary);
+    QByteArray xml = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>";
+    for (auto it = map.begin(); it != map.end(); ++it) {
+        const QStringList texts = it.value().toStringList();
+        const QByteArray strings =
+            "<string>" + texts.join("</string><string>").toUtf8() + "</string>";
+        xml += "<key>" + it.key().toUtf8() + "</key>" +
+               (it.value().type() == QVariant::StringList ? "<array>" + strings + "</array>"
+                                                          : strings);
+    }
+    xml += "</dict></plist>";
+    if (!binary)
+        return xml;
+    plist_t node = nullptr;
+    plist_from_xml(xml.constData(), uint32_t(xml.size()), &node);
+    return kavreltest::plistBytes(node, true);
 }
 
 QVariantMap sampleInfo()
@@ -69,12 +59,6 @@ QVariantMap without(QVariantMap map, const QStringList& keys)
 {
     for (const QString& key : keys)
         map.remove(key);
-    return map;
-}
-
-QVariantMap with(QVariantMap map, const QString& key, const QVariant& value)
-{
-    map.insert(key, value);
     return map;
 }
 
@@ -136,15 +120,16 @@ void TestIpaParser::parseIpa_data()
         << app(without(sampleInfo(), {"CFBundleVersion"}), false) << kIconA
         << sample + "1.2|AppIcon.png" + preset;
 
-    const QVariantMap iconFiles = with(without(sampleInfo(), {"CFBundleIconFile"}),
-                                       "CFBundleIconFiles", QStringList{"Icon-72.png", "Icon.png"});
+    QVariantMap iconFiles = without(sampleInfo(), {"CFBundleIconFile"});
+    iconFiles.insert("CFBundleIconFiles", QStringList{"Icon-72.png", "Icon.png"});
     QTest::newRow("icon files array: first entry is taken")
         << app(iconFiles, true, {{kApp + "Icon.png", kIconB}, {kApp + "Icon-72.png", kIcon72}})
         << kIcon72 << sample + "345|Icon-72.png" + preset;
     QTest::newRow("no icon key: Icon.png is assumed")
         << app(without(sampleInfo(), {"CFBundleIconFile"}), true, {{kApp + "Icon.png", kIconB}})
         << kIconB << sample + "345|Icon.png" + preset;
-    const QVariantMap bareIcon = with(sampleInfo(), "CFBundleIconFile", "Icon");
+    QVariantMap bareIcon = sampleInfo();
+    bareIcon.insert("CFBundleIconFile", "Icon");
     QTest::newRow("icon name without extension: falls back to icon.png, name kept")
         << app(bareIcon, true, {{kApp + "Icon.png", kIconA}, {kApp + "icon.png", kIconB}}) << kIconB
         << sample + "345|Icon" + preset;
@@ -192,33 +177,23 @@ void TestIpaParser::parseIpa()
 
 void TestIpaParser::refusedArchives_data()
 {
-    QTest::addColumn<QByteArray>("contents");
-    QTest::addColumn<Entries>("entries"); // used when contents is empty
+    QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("logLine");
 
-    const QByteArray zip; // marker: build from entries
-    QTest::newRow("not a zip") << QByteArray("this is not a zip archive") << Entries()
-                               << "ERROR: zip_open: ";
-    QTest::newRow("no Info.plist") << zip << Entries{{kApp + "AppIcon.png", kIconA}}
+    const QString notZip = mDir.filePath(QStringLiteral("notzip.ipa"));
+    QVERIFY(kavreltest::writeFile(notZip, "this is not a zip archive"));
+    QTest::newRow("not a zip") << notZip << "ERROR: zip_open: ";
+    QTest::newRow("no Info.plist") << writeIpa("noinfo.ipa", {{kApp + "AppIcon.png", kIconA}})
                                    << "Warning: could not locate Info.plist in archive!";
     QTest::newRow("Info.plist is not a property list")
-        << zip << Entries{{kApp + "Info.plist", "<plist><dict><key>oops"}}
+        << writeIpa("badinfo.ipa", {{kApp + "Info.plist", "<plist><dict><key>oops"}})
         << "Error: Could not parse Info.plist!";
 }
 
 void TestIpaParser::refusedArchives()
 {
-    QFETCH(QByteArray, contents);
-    QFETCH(Entries, entries);
+    QFETCH(QString, path);
     QFETCH(QString, logLine);
-
-    QString path;
-    if (contents.isEmpty()) {
-        path = writeIpa(QStringLiteral("refused.ipa"), entries);
-    } else {
-        path = mDir.filePath(QStringLiteral("refused.ipa"));
-        QVERIFY(kavreltest::writeFile(path, contents));
-    }
     kavreltest::LogCapture log;
     IpaParser::IpaInfo info;
     QVERIFY(!IpaParser::parseIpa(path, &info));
@@ -242,14 +217,11 @@ void TestIpaParser::defaultIcon()
 void TestIpaParser::invalidArguments()
 {
     // A one-byte path is refused before the file system is asked, even when it exists.
-    const QString cwd = QDir::currentPath();
-    QVERIFY(QDir::setCurrent(mDir.path()));
+    QVERIFY(QDir::setCurrent(mDir.path())); // the last test: the folder is not changed back
     QVERIFY(kavreltest::writeFile(mDir.filePath(QStringLiteral("a")), "x"));
     kavreltest::LogCapture log;
     IpaParser::IpaInfo info;
-    const bool oneChar = IpaParser::parseIpa(QStringLiteral("a"), &info);
-    QDir::setCurrent(cwd);
-    QVERIFY(!oneChar);
+    QVERIFY(!IpaParser::parseIpa(QStringLiteral("a"), &info));
     QVERIFY(log.hasLine(QStringLiteral("ipa name shouldn't be empty.")));
     QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("a")), nullptr));
     QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("missing.ipa")), &info));
