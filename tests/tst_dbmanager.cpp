@@ -20,12 +20,8 @@ struct Flags
 
 QVariant column(const QString& appid, const QString& name)
 {
-    QSqlQuery q;
-    q.prepare(QStringLiteral("SELECT %1 FROM table_appinfo WHERE appid = :id").arg(name));
-    q.bindValue(QStringLiteral(":id"), appid);
-    if (!q.exec() || !q.next())
-        return QVariant(QStringLiteral("<no row>"));
-    return q.value(0);
+    QSqlQuery q(QStringLiteral("SELECT %1 FROM table_appinfo WHERE appid = '%2'").arg(name, appid));
+    return q.next() ? q.value(0) : QVariant(QStringLiteral("<no row>"));
 }
 
 IpaParser::IpaInfo record(const QString& appid, const QString& name = QStringLiteral("Name"))
@@ -49,16 +45,13 @@ IpaParser::IpaInfo record(const QString& appid, const QString& name = QStringLit
 
 void storeWithFlags(const QString& appid, Flags f)
 {
-    QSqlQuery q;
-    q.prepare(QStringLiteral("INSERT INTO table_appinfo(appid, appname, indevice, inlocal, "
-                             "fromdownload) VALUES(:id, :name, :d, :l, :f)"));
-    const auto value = [](int flag) { return flag < 0 ? QVariant(QVariant::Int) : QVariant(flag); };
-    q.bindValue(QStringLiteral(":id"), appid);
-    q.bindValue(QStringLiteral(":name"), appid + QStringLiteral(" name"));
-    q.bindValue(QStringLiteral(":d"), value(f.inDevice));
-    q.bindValue(QStringLiteral(":l"), value(f.inLocal));
-    q.bindValue(QStringLiteral(":f"), value(f.fromDownload));
-    QVERIFY(q.exec());
+    const auto v = [](int flag) {
+        return flag < 0 ? QStringLiteral("NULL") : QString::number(flag);
+    };
+    QVERIFY(QSqlQuery().exec(
+        QStringLiteral("INSERT INTO table_appinfo(appid, appname, indevice, "
+                       "inlocal, fromdownload) VALUES('%1', '%1 name', %2, %3, %4)")
+            .arg(appid, v(f.inDevice), v(f.inLocal), v(f.fromDownload))));
 }
 
 int rowCount(const QString& table)

@@ -35,25 +35,19 @@ QByteArray plistBytes(const QVariantMap& map, bool binary)
     return kavreltest::plistBytes(node, true);
 }
 
-QVariantMap sampleInfo()
-{
-    return {{"CFBundleDisplayName", "Sample"},
-            {"CFBundleIdentifier", "com.example.sample"},
-            {"CFBundleShortVersionString", "1.2"},
-            {"CFBundleVersion", "345"},
-            {"MinimumOSVersion", "9.0"},
-            {"CFBundleIconFile", "AppIcon.png"},
-            {"CFBundleSupportedPlatforms", QStringList{"iPhoneOS"}}};
-}
+const QVariantMap kInfo{{"CFBundleDisplayName", "Sample"},
+                        {"CFBundleIdentifier", "com.example.sample"},
+                        {"CFBundleShortVersionString", "1.2"},
+                        {"CFBundleVersion", "345"},
+                        {"MinimumOSVersion", "9.0"},
+                        {"CFBundleIconFile", "AppIcon.png"},
+                        {"CFBundleSupportedPlatforms", QStringList{"iPhoneOS"}}};
 
-QVariantMap sampleMetadata()
-{
-    return {{"softwareVersionBundleId", "com.store.listing"},
-            {"itemName", "Store Name"},
-            {"bundleVersion", "9.9"},
-            {"appleId", "buyer@example.com"},
-            {"genre", "Games"}};
-}
+const QVariantMap kMetadata{{"softwareVersionBundleId", "com.store.listing"},
+                            {"itemName", "Store Name"},
+                            {"bundleVersion", "9.9"},
+                            {"appleId", "buyer@example.com"},
+                            {"genre", "Games"}};
 
 QVariantMap without(QVariantMap map, const QStringList& keys)
 {
@@ -114,21 +108,21 @@ void TestIpaParser::parseIpa_data()
     const QString sample = "com.example.sample|Sample|";
     const QString preset = "|preset-apple|preset-type|iPhoneOS";
     QTest::newRow("binary Info.plist: build version wins over short version")
-        << app(sampleInfo(), true, {{kApp + "icon.png", kIconB}}) << kIconA
+        << app(kInfo, true, {{kApp + "icon.png", kIconB}}) << kIconA
         << sample + "345|AppIcon.png" + preset;
     QTest::newRow("XML Info.plist: short version kept without build version")
-        << app(without(sampleInfo(), {"CFBundleVersion"}), false) << kIconA
+        << app(without(kInfo, {"CFBundleVersion"}), false) << kIconA
         << sample + "1.2|AppIcon.png" + preset;
 
-    QVariantMap iconFiles = without(sampleInfo(), {"CFBundleIconFile"});
+    QVariantMap iconFiles = without(kInfo, {"CFBundleIconFile"});
     iconFiles.insert("CFBundleIconFiles", QStringList{"Icon-72.png", "Icon.png"});
     QTest::newRow("icon files array: first entry is taken")
         << app(iconFiles, true, {{kApp + "Icon.png", kIconB}, {kApp + "Icon-72.png", kIcon72}})
         << kIcon72 << sample + "345|Icon-72.png" + preset;
     QTest::newRow("no icon key: Icon.png is assumed")
-        << app(without(sampleInfo(), {"CFBundleIconFile"}), true, {{kApp + "Icon.png", kIconB}})
-        << kIconB << sample + "345|Icon.png" + preset;
-    QVariantMap bareIcon = sampleInfo();
+        << app(without(kInfo, {"CFBundleIconFile"}), true, {{kApp + "Icon.png", kIconB}}) << kIconB
+        << sample + "345|Icon.png" + preset;
+    QVariantMap bareIcon = kInfo;
     bareIcon.insert("CFBundleIconFile", "Icon");
     QTest::newRow("icon name without extension: falls back to icon.png, name kept")
         << app(bareIcon, true, {{kApp + "Icon.png", kIconA}, {kApp + "icon.png", kIconB}}) << kIconB
@@ -140,23 +134,21 @@ void TestIpaParser::parseIpa_data()
                                    {"CFBundleIconFile", "AppIcon.png"}};
     QTest::newRow("nested bundle's Info.plist listed first wins")
         << Entries{{kApp + "PlugIns/Widget.appex/Info.plist", plistBytes(extension, true)}} +
-               app(sampleInfo(), true)
+               app(kInfo, true)
         << kIconA << "com.example.sample.widget|Widget|7|AppIcon.png|preset-apple|preset-type|";
 
     QTest::newRow("binary metadata: Info.plist overrides id, name, version")
-        << Entries{{"iTunesMetadata.plist", plistBytes(sampleMetadata(), true)}} +
-               app(sampleInfo(), true)
+        << Entries{{"iTunesMetadata.plist", plistBytes(kMetadata, true)}} + app(kInfo, true)
         << kIconA << sample + "345|AppIcon.png|buyer@example.com|Games|iPhoneOS";
-    const QVariantMap sparse = without(
-        sampleInfo(), {"CFBundleDisplayName", "CFBundleVersion", "CFBundleShortVersionString"});
+    const QVariantMap sparse =
+        without(kInfo, {"CFBundleDisplayName", "CFBundleVersion", "CFBundleShortVersionString"});
     QTest::newRow("XML metadata fills what Info.plist lacks")
-        << app(sparse, false, {{"iTunesMetadata.plist", plistBytes(sampleMetadata(), false)}})
-        << kIconA
+        << app(sparse, false, {{"iTunesMetadata.plist", plistBytes(kMetadata, false)}}) << kIconA
         << "com.example.sample|Store Name|9.9|AppIcon.png|buyer@example.com|Games|iPhoneOS";
     // Metadata that is no property list is refused on its own; the parse goes on.
     QTest::newRow("unparsable metadata is skipped")
-        << Entries{{"iTunesMetadata.plist", "bplist00 but not really"}} + app(sampleInfo(), true)
-        << kIconA << sample + "345|AppIcon.png" + preset;
+        << Entries{{"iTunesMetadata.plist", "bplist00 but not really"}} + app(kInfo, true) << kIconA
+        << sample + "345|AppIcon.png" + preset;
 }
 
 void TestIpaParser::parseIpa()
@@ -202,8 +194,8 @@ void TestIpaParser::refusedArchives()
 
 void TestIpaParser::defaultIcon()
 {
-    const QString path = writeIpa(QStringLiteral("noicon.ipa"),
-                                  {{kApp + "Info.plist", plistBytes(sampleInfo(), true)}});
+    const QString path =
+        writeIpa(QStringLiteral("noicon.ipa"), {{kApp + "Info.plist", plistBytes(kInfo, true)}});
     kavreltest::LogCapture log;
     IpaParser::IpaInfo info;
     QVERIFY(IpaParser::parseIpa(path, &info));

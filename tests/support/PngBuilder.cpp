@@ -22,20 +22,6 @@ void putLong(Bytes& out, uint32_t v)
         out.push_back(uint8_t(v >> shift));
 }
 
-// The stored form of one pixel: channels swapped and colours premultiplied when crushed.
-void storePixel(const PngRecipe& recipe, const uint8_t* in, uint8_t* out)
-{
-    const int n = channels(recipe.colorType);
-    memcpy(out, in, n);
-    if (!recipe.crushed || (recipe.colorType != 2 && recipe.colorType != 6))
-        return;
-    if (recipe.colorType == 6 && recipe.premultiply) {
-        for (int c = 0; c < 3; ++c)
-            out[c] = premultiplied(in[c], in[3]);
-    }
-    std::swap(out[0], out[2]);
-}
-
 } // namespace
 
 int channels(int colorType)
@@ -107,6 +93,9 @@ static void filterRow(int type, uint8_t* row, const uint8_t* prev, size_t length
 static Bytes scanlines(const PngRecipe& recipe)
 {
     const int n = channels(recipe.colorType);
+    // Crushed files store BGR(A), with colours premultiplied unless the recipe says otherwise.
+    const Bytes stored = recipe.crushed ? convertedPixels(recipe, false) : recipe.pixels;
+    const bool swap = recipe.crushed && (recipe.colorType == 2 || recipe.colorType == 6);
     Bytes out;
     const int passes = recipe.interlaced ? 7 : 1;
     for (int p = 0; p < passes; ++p) {
@@ -122,9 +111,10 @@ static Bytes scanlines(const PngRecipe& recipe)
         for (uint32_t r = 0; r < rows; ++r) {
             const uint32_t y = y0 + r * dy;
             for (uint32_t c = 0; c < columns; ++c) {
-                const uint32_t x = x0 + c * dx;
-                storePixel(recipe, &recipe.pixels[(size_t(y) * recipe.width + x) * n],
-                           &current[size_t(c) * n]);
+                uint8_t* px = &current[size_t(c) * n];
+                memcpy(px, &stored[(size_t(y) * recipe.width + x0 + c * dx) * n], n);
+                if (swap)
+                    std::swap(px[0], px[2]);
             }
             const uint8_t* above = previous.empty() ? nullptr : previous.data();
             const int type = recipe.filter == -1 ? int(r % 5) : recipe.filter;
