@@ -3,23 +3,17 @@
 #include "TestSupport.h"
 #include "ZipBuilder.h"
 
-#include <QDir>
-#include <QFileInfo>
 #include <QImage>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QSqlDatabase>
 #include <QSqlQuery>
-#include <QTemporaryDir>
 
 namespace {
 
 QStringList bundleIds(const QByteArray& json)
 {
     QStringList ids;
-    for (const QJsonValue& app : QJsonDocument::fromJson(json).object()["apps"].toArray())
-        ids << app.toObject()["bundle_id"].toString();
+    for (const QJsonValue& app : QJsonDocument::fromJson(json)["apps"].toArray())
+        ids << app["bundle_id"].toString();
     ids.sort();
     return ids;
 }

@@ -4,10 +4,6 @@
 #include "SettingInfo.h"
 #include "TestSupport.h"
 
-#include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QSqlQuery>
 
 namespace {
@@ -63,9 +59,8 @@ int rowCount(const QString& table)
 QStringList bundleIds(const QString& json)
 {
     QStringList ids;
-    const QJsonArray apps = QJsonDocument::fromJson(json.toUtf8()).object().value("apps").toArray();
-    for (const QJsonValue& app : apps)
-        ids << app.toObject().value("bundle_id").toString();
+    for (const QJsonValue& app : QJsonDocument::fromJson(json.toUtf8())["apps"].toArray())
+        ids << app["bundle_id"].toString();
     return ids;
 }
 

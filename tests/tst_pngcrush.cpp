@@ -5,11 +5,7 @@
 #include "PngCrush.h"
 #include "TestSupport.h"
 
-#include <QDir>
 #include <QImage>
-#include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTemporaryFile>
 
 #include <cstdio>
 #include <cstdlib>

@@ -5,8 +5,6 @@
 #include "TestSupport.h"
 
 #include <QImage>
-#include <QStandardPaths>
-#include <QTemporaryDir>
 
 using namespace kavreltest;
 

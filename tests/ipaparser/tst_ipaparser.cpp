@@ -4,9 +4,7 @@
 #include "TestSupport.h"
 #include "ZipBuilder.h"
 
-#include <QFileInfo>
 #include <QImage>
-#include <QTemporaryDir>
 
 using Entries = QList<QPair<QString, QByteArray>>;
 Q_DECLARE_METATYPE(Entries)

@@ -1,11 +1,5 @@
 #include "TestSupport.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QProcess>
-#include <QStandardPaths>
-
 namespace kavreltest {
 
 namespace {

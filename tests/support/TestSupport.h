@@ -1,8 +1,8 @@
 #pragma once
-// Helpers shared by the Qt Test programs.
+// Helpers shared by the Qt Test programs; including this brings QtTest and all of QtCore.
 
 #include <QGuiApplication>
-#include <QtTest> // and with it all of QtCore
+#include <QtTest>
 
 #include <plist/plist.h>
 
