@@ -3,38 +3,17 @@
 #include "TestSupport.h"
 #include "ZipBuilder.h"
 
-#include <QDir>
-#include <QFileInfo>
 #include <QImage>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QSqlDatabase>
 #include <QSqlQuery>
-#include <QTemporaryDir>
 
 namespace {
-
-QByteArray infoPlist(const QString& id, const QString& name, const QString& icon)
-{
-    QByteArray xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                     "<key>CFBundleIdentifier</key><string>" +
-                     id.toUtf8() +
-                     "</string>"
-                     "<key>CFBundleVersion</key><string>42</string>"
-                     "<key>MinimumOSVersion</key><string>12.0</string>";
-    if (!name.isEmpty())
-        xml += "<key>CFBundleDisplayName</key><string>" + name.toUtf8() + "</string>";
-    if (!icon.isEmpty())
-        xml += "<key>CFBundleIconFile</key><string>" + icon.toUtf8() + "</string>";
-    return xml + "</dict></plist>";
-}
 
 QStringList bundleIds(const QByteArray& json)
 {
     QStringList ids;
-    for (const QJsonValue& app : QJsonDocument::fromJson(json).object()["apps"].toArray())
-        ids << app.toObject()["bundle_id"].toString();
+    for (const QJsonValue& app : QJsonDocument::fromJson(json)["apps"].toArray())
+        ids << app["bundle_id"].toString();
     ids.sort();
     return ids;
 }
@@ -77,14 +56,21 @@ kavreltest::ProgramRun TestCatalogCli::kavrel(const QStringList& args)
 QString TestCatalogCli::writeIpa(const QString& name, const QString& id, const QString& displayName,
                                  const QByteArray& icon)
 {
+    const auto entry = [](const char* key, const QString& value) {
+        return value.isEmpty()
+                   ? QByteArray()
+                   : "<key>" + QByteArray(key) + "</key><string>" + value.toUtf8() + "</string>";
+    };
     kavreltest::ZipBuilder zip;
     zip.add("Payload/App.app/Info.plist",
-            infoPlist(id, displayName, icon.isEmpty() ? "" : "AppIcon.png"));
+            "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>" +
+                entry("CFBundleIdentifier", id) + entry("CFBundleVersion", "42") +
+                entry("MinimumOSVersion", "12.0") + entry("CFBundleDisplayName", displayName) +
+                entry("CFBundleIconFile", icon.isEmpty() ? "" : "AppIcon.png") + "</dict></plist>");
     if (!icon.isEmpty())
         zip.add("Payload/App.app/AppIcon.png", icon);
     const QString path = mHome->filePath(name);
-    zip.write(path, true);
-    return path;
+    return zip.write(path, true) ? path : QString();
 }
 
 void TestCatalogCli::ipaThenCatalogThenIcon()
@@ -121,10 +107,6 @@ void TestCatalogCli::ipaThenCatalogThenIcon()
     // Without an icon in the archive the host's compiled-in default icon is stored.
     QCOMPARE(kavrel({"icon", "com.example.plain", iconOut}).exitCode, 0);
     QCOMPARE(QImage(iconOut, "PNG").size(), QSize(57, 57));
-
-    // Adding the same file again updates the row instead of failing.
-    QCOMPARE(kavrel({"ipa", path}).exitCode, 0);
-    QCOMPARE(kavrel({"catalog", "local"}).out, local.out);
 }
 
 void TestCatalogCli::brokenFilesLeaveCatalogAsItWas()
@@ -142,10 +124,7 @@ void TestCatalogCli::brokenFilesLeaveCatalogAsItWas()
     QVERIFY2(QString(errors[1]).contains(missing), errors[1].constData());
     // The process went on with the next file.
     QVERIFY(r.out.contains("com.example.later"));
-
-    const QByteArray before = kavrel({"catalog", "all"}).out;
-    QCOMPARE(kavrel({"ipa", notZip}).exitCode, 1);
-    QCOMPARE(kavrel({"catalog", "all"}).out, before);
+    QCOMPARE(bundleIds(kavrel({"catalog", "all"}).out), QStringList{"com.example.later"});
 }
 
 void TestCatalogCli::readdingKeepsDeviceSizes()
@@ -184,7 +163,8 @@ void TestCatalogCli::refusedUpdateIsReported()
     const QByteArray before = kavrel({"catalog", "local"}).out;
     QVERIFY(before.contains("Tom's Game"));
 
-    QCOMPARE(kavrel({"ipa", first}).exitCode, 0); // nothing to change: the row already says so
+    // Adding the same file again updates the row: nothing changes, so it passes.
+    QCOMPARE(kavrel({"ipa", first}).exitCode, 0);
     const kavreltest::ProgramRun r = kavrel({"ipa", second});
     QCOMPARE(r.exitCode, 1);
     QVERIFY(r.out.isEmpty());

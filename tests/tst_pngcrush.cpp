@@ -5,14 +5,7 @@
 #include "PngCrush.h"
 #include "TestSupport.h"
 
-#include <QDir>
 #include <QImage>
-#include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTemporaryFile>
-#include <QtEndian>
-
-#include <libdeflate.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -40,8 +33,7 @@ struct Run
 Run runCrush(PngCrush& crush, const QString& path)
 {
     QTemporaryFile log;
-    if (!log.open())
-        return Run{-1, {}, {}};
+    log.open(); // if not, the output stays empty
     QByteArray name = QFile::encodeName(path);
     char* outName = nullptr;
     Run run;
@@ -53,140 +45,61 @@ Run runCrush(PngCrush& crush, const QString& path)
     dup2(saved, STDOUT_FILENO);
     close(saved);
     run.output = QString::fromLocal8Bit(readFile(log.fileName()));
-    if (outName)
-        run.outName = QFile::decodeName(outName);
+    run.outName = QFile::decodeName(outName);
     free(outName);
     return run;
 }
 
-Bytes fromQt(const QByteArray& b)
-{
-    return Bytes(b.begin(), b.end());
-}
-
-Bytes rawDeflate(const Bytes& raw)
-{
-    libdeflate_compressor* c = libdeflate_alloc_compressor(6);
-    Bytes out(libdeflate_deflate_compress_bound(c, raw.size()));
-    out.resize(libdeflate_deflate_compress(c, raw.data(), raw.size(), out.data(), out.size()));
-    libdeflate_free_compressor(c);
-    return out;
-}
-
 PngRecipe rgbaRecipe(uint32_t w, uint32_t h)
 {
-    PngRecipe s;
-    s.width = w;
-    s.height = h;
-    s.pixels = testPixels(w, h, 6, w * 31 + h);
-    return s;
+    return PngRecipe{w, h, 6, false, true, true, 0, testPixels(w, h, 6, w * 31 + h)};
 }
 
-// Pixels of the converted file at path that differ from the recipe's (-1: unreadable,
-// which includes a wrong CRC). Colours are stored premultiplied unless the recipe says
-// otherwise, and come back demultiplied with rounding when fixAlpha is set.
-int wrongPixels(const PngRecipe& recipe, const QString& path, bool fixAlpha = true)
+// Whether the converted file at path shows what the recipe's pixels should become
+// (false also when it is unreadable, which includes a wrong CRC).
+bool showsRecipe(const PngRecipe& recipe, const QString& path, bool fixAlpha = true)
 {
-    QImage image;
-    if (!image.load(path, "PNG") || image.size() != QSize(int(recipe.width), int(recipe.height)))
-        return -1;
-    const int n = channels(recipe.colorType);
-    int wrong = 0;
-    for (uint32_t y = 0; y < recipe.height; ++y) {
-        for (uint32_t x = 0; x < recipe.width; ++x) {
-            const uint8_t* p = &recipe.pixels[(y * recipe.width + x) * n];
-            const QRgb got = image.pixel(int(x), int(y));
-            if (n == 3) {
-                wrong += got != qRgb(p[0], p[1], p[2]);
-                continue;
-            }
-            if (p[3] == 0) { // QImage drops the colour of invisible pixels
-                wrong += qAlpha(got) != 0;
-                continue;
-            }
-            int c[3];
-            for (int i = 0; i < 3; ++i) {
-                const unsigned stored = recipe.premultiply ? premultiplied(p[i], p[3]) : p[i];
-                c[i] = fixAlpha ? ((stored * 255 + p[3] / 2) / p[3]) & 0xFF : stored;
-            }
-            wrong += got != qRgba(c[0], c[1], c[2], p[3]);
-        }
-    }
-    return wrong;
+    PngRecipe plain = recipe;
+    plain.crushed = false;
+    plain.pixels = convertedPixels(recipe, fixAlpha);
+    return QImage(path, "PNG") == QImage::fromData(toQt(buildPng(plain)), "PNG");
 }
 
-// The row operations one byte at a time, straight from their definition, to check the
-// converter's vectorised loops against on many random rows.
-void refRemove(QByteArray& buf, int width, int height)
+// The converter's row operations one byte at a time, to check its vectorised loops
+// against on many random rows. Removing goes left to right with the row above already
+// restored; applying goes right to left with the row above already re-filtered, and
+// Up and Paeth predict from the same row.
+void refFilters(QByteArray& buf, int width, int height, bool apply)
 {
     const int n = 4 * width, stride = n + 1;
+    int k = n; // applying: where the last re-filtering loop stopped
     for (int y = 0; y < height; ++y) {
-        const int x = y * stride + 1, p = x - stride;
+        const int x = y * stride + 1, filter = uint8_t(buf[x - 1]);
         auto X = [&](int i) -> int { return uint8_t(buf[x + i]); };
-        auto P = [&](int i) -> int { return uint8_t(buf[p + i]); };
-        auto set = [&](int i, int v) { buf[x + i] = char(v); };
-        switch (uint8_t(buf[x - 1])) {
-        case 1:
-            for (int i = 4; i < n; ++i)
-                set(i, X(i) + X(i - 4));
-            break;
-        case 2:
-            for (int i = 0; y > 0 && i < n; ++i)
-                set(i, X(i) + P(i));
-            break;
-        case 3:
-            if (y > 0)
-                set(0, X(0) + P(n) / 2);
-            for (int i = 4; i < n; ++i)
-                set(i, X(i) + (X(i - 4) + (y > 0 ? P(i) : 0)) / 2);
-            break;
-        case 4:
-            for (int i = 0; i < n; ++i) {
-                const int left = i == 0 || x + i < 4 ? 0 : uint8_t(buf[x + i - 4]);
-                set(i, X(i) + (y == 0 ? left : paeth(left, P(i), i >= 4 ? P(i - 4) : 0)));
-            }
-            break;
+        auto P = [&](int i) -> int { return y > 0 ? uint8_t(buf[x - stride + i]) : 0; };
+        if (filter == 3 && y > 0) // the Average quirk, byte 0 before the others
+            buf[x] = char(X(0) + (apply ? -1 : 1) * (P(apply ? k : n) / 2));
+        for (int j = 0; j < n; ++j) {
+            const int i = apply ? n - 1 - j : j;
+            const int left = i == 0 || x + i < 4 ? 0 : X(i - 4);
+            int predicted = 0;
+            if (filter == 1 && i >= 4)
+                predicted = X(i - 4);
+            else if (filter == 2 && y > 0)
+                predicted = apply ? X(i - 1) : P(i);
+            else if (filter == 3 && i >= 4)
+                predicted = (X(i - 4) + P(i)) / 2;
+            else if (filter == 4 && y == 0)
+                predicted = left;
+            else if (filter == 4)
+                predicted = apply ? paeth(left, X(i - 1), i >= 4 ? X(i - 5) : 0)
+                                  : paeth(left, P(i), i >= 4 ? P(i - 4) : 0);
+            buf[x + i] = char(X(i) + (apply ? -predicted : predicted));
         }
-    }
-}
-
-void refApply(QByteArray& buf, int width, int height)
-{
-    const int n = 4 * width, stride = n + 1;
-    int k = n;
-    for (int y = 0; y < height; ++y) {
-        const int x = y * stride + 1, p = x - stride;
-        auto X = [&](int i) -> int { return uint8_t(buf[x + i]); };
-        auto P = [&](int i) -> int { return uint8_t(buf[p + i]); };
-        auto set = [&](int i, int v) { buf[x + i] = char(v); };
-        switch (uint8_t(buf[x - 1])) {
-        case 1:
-            for (int i = n - 1; i >= 4; --i)
-                set(i, X(i) - X(i - 4));
+        if (filter == 1 || filter == 3)
             k = 3;
-            break;
-        case 2:
-            if (y > 0) {
-                for (int i = n - 1; i >= 0; --i)
-                    set(i, X(i) - X(i - 1));
-                k = -1;
-            }
-            break;
-        case 3:
-            if (y > 0)
-                set(0, X(0) - P(k) / 2);
-            for (int i = n - 1; i >= 4; --i)
-                set(i, X(i) - (X(i - 4) + (y > 0 ? P(i) : 0)) / 2);
-            k = 3;
-            break;
-        case 4:
-            for (int i = n - 1; i >= 0; --i) {
-                const int left = i == 0 || x + i < 4 ? 0 : uint8_t(buf[x + i - 4]);
-                set(i, X(i) - (y == 0 ? left : paeth(left, X(i - 1), i >= 4 ? X(i - 5) : 0)));
-            }
+        else if (filter == 4 || (filter == 2 && y > 0))
             k = -1;
-            break;
-        }
     }
 }
 
@@ -196,26 +109,17 @@ class TestPngCrush : public QObject
 {
     Q_OBJECT
 private slots:
-    void init();
     void convertsCrushedImages_data();
     void convertsCrushedImages();
-    void refusesBadInput_data();
-    void refusesBadInput();
-    void options_data();
-    void options();
+    void process_data();
+    void process();
     void rowFiltersMatchDefinition_data();
     void rowFiltersMatchDefinition();
-    void standardFilters();
 
 private:
     QString writeInput(const QString& name, const Bytes& file);
     QTemporaryDir mDir;
 };
-
-void TestPngCrush::init()
-{
-    QVERIFY(mDir.isValid());
-}
 
 QString TestPngCrush::writeInput(const QString& name, const Bytes& file)
 {
@@ -244,9 +148,13 @@ void TestPngCrush::convertsCrushedImages_data()
             << 6 << interlaced << -1 << false << true << false;
         // Colours above their alpha (not premultiplied) keep the low 8 bits.
         QTest::addRow("rgba %s over-alpha", mode) << 6 << interlaced << 1 << true << false << false;
-        // Standard re-filtering gives every filter type back exactly.
+        // Standard re-filtering gives every filter type back exactly; by default the
+        // converter re-filters Up, Average and Paeth rows its own way, which ordinary
+        // decoders show with wrong pixels.
         QTest::addRow("rgba %s all filters, standard", mode)
             << 6 << interlaced << -1 << true << true << true;
+        QTest::addRow("rgba %s all filters, own filters", mode)
+            << 6 << interlaced << -1 << true << true << false;
     }
     // Palette and grey files only lose their CgBI chunk.
     QTest::newRow("palette") << 3 << false << -1 << true << true << false;
@@ -262,13 +170,7 @@ void TestPngCrush::convertsCrushedImages()
     QFETCH(bool, premultiply);
     QFETCH(bool, standard);
 
-    PngRecipe recipe;
-    recipe.width = 23;
-    recipe.height = 17;
-    recipe.colorType = colorType;
-    recipe.interlaced = interlaced;
-    recipe.filter = filter;
-    recipe.premultiply = premultiply;
+    PngRecipe recipe{23, 17, colorType, interlaced, true, premultiply, filter};
     recipe.pixels = testPixels(recipe.width, recipe.height, colorType, 5);
     recipe.palette = testPixels(16, 1, 2, 2);
     recipe.idatSize = 100; // several IDAT chunks in
@@ -284,7 +186,8 @@ void TestPngCrush::convertsCrushedImages()
 
     PngCrush crush;
     crush.fix_alpha = fixAlpha ? 1 : 0;
-    crush.standard_filters = standard ? 1 : 0;
+    if (standard)
+        crush.standard_filters = 1;
     if (interlaced)
         crush.max_idat_size = 100;
     const Run run = runCrush(crush, path);
@@ -292,18 +195,17 @@ void TestPngCrush::convertsCrushedImages()
     QCOMPARE(run.output, path + " : ");
     QCOMPARE(run.outName, path); // rewritten in place
     if (colorType == 2 || colorType == 6) {
-        QCOMPARE(wrongPixels(recipe, path, fixAlpha), 0);
+        const bool ownFilters = colorType == 6 && filter == -1 && fixAlpha && !standard;
+        QCOMPARE(showsRecipe(recipe, path, fixAlpha), !ownFilters);
         // The output is split at max_idat_size, whatever the input's split was.
         std::vector<ParsedChunk> chunks;
-        QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
-        std::vector<size_t> sizes;
+        const QByteArray converted = readFile(path);
+        QVERIFY(parseChunks(Bytes(converted.begin(), converted.end()), chunks));
+        QString sizes;
         for (const ParsedChunk& c : chunks)
-            if (c.type == "IDAT")
-                sizes.push_back(c.data.size());
-        QCOMPARE(sizes.size() > 1, interlaced);
-        for (size_t i = 0; i + 1 < sizes.size(); ++i)
-            QCOMPARE(sizes[i], size_t(100));
-        QVERIFY(sizes.back() <= 100 || !interlaced);
+            sizes += c.type == "IDAT" ? QString::number(c.data.size()) + ' ' : QString();
+        const QRegularExpression split(interlaced ? "^(100 )+(100|\\d\\d?) $" : "^\\d+ $");
+        QVERIFY2(split.match(sizes).hasMatch(), qPrintable(sizes));
         return;
     }
     // Everything but the CgBI chunk (16 bytes after the signature) is copied as it was,
@@ -312,119 +214,7 @@ void TestPngCrush::convertsCrushedImages()
     QCOMPARE(readFile(path), toQt(file));
 }
 
-void TestPngCrush::refusesBadInput_data()
-{
-    QTest::addColumn<Bytes>("file");
-    QTest::addColumn<QString>("message"); // %1 stands for the file name
-
-    const Bytes good = buildPng(rgbaRecipe(6, 4));
-    std::vector<ParsedChunk> chunks;
-    parseChunks(good, chunks);
-    const Bytes signature(good.begin(), good.begin() + 8);
-    const size_t iendAt = good.size() - 12;
-
-    PngRecipe plainRecipe = rgbaRecipe(6, 4);
-    plainRecipe.crushed = false;
-    QTest::newRow("plain png") << buildPng(plainRecipe) << "%1 : not an -iphone crushed PNG file\n";
-    QTest::newRow("not a png") << Bytes{'G', 'I', 'F', '8', '9', 'a', 0, 0, 0, 0}
-                               << "%1 : not a PNG file\n";
-    QTest::newRow("signature only") << signature << "%1 : premature end of file\n";
-
-    Bytes firstTooLong = signature;
-    firstTooLong.insert(firstTooLong.end(), {0x7F, 0, 0, 0, 'C', 'g', 'B', 'I'});
-    QTest::newRow("first chunk longer than file") << firstTooLong << "%1 : invalid chunk size\n";
-
-    QTest::newRow("truncated in IDAT")
-        << Bytes(good.begin(), good.begin() + iendAt - 10) << "%1 : premature end of file\n";
-    Bytes hugeLength(good.begin(), good.begin() + iendAt);
-    hugeLength.insert(hugeLength.end(), {0xFF, 0xFF, 0xFF, 0xFC, 'I', 'E', 'N', 'D'});
-    QTest::newRow("chunk length near 4 GB") << hugeLength << "%1 : invalid chunk size\n";
-    QTest::newRow("missing IEND") << Bytes(good.begin(), good.begin() + iendAt)
-                                  << "%1 : missing IEND chunk\n";
-
-    const Bytes cgbi = chunk("CgBI", {0x50, 0, 0x20, 6});
-    const Bytes idat = chunk("IDAT", chunks[2].data);
-    const Bytes iend = chunk("IEND", {});
-    auto file = [&](std::initializer_list<Bytes> parts) {
-        Bytes f = signature;
-        for (const Bytes& p : parts)
-            f.insert(f.end(), p.begin(), p.end());
-        return f;
-    };
-    QTest::newRow("IHDR missing") << file({cgbi, idat, iend}) << "%1 : no IHDR chunk found\n";
-    QTest::newRow("IHDR too short") << file({cgbi, chunk("IHDR", Bytes(12, 1)), idat, iend})
-                                    << "%1 : IHDR chunk length incorrect\n";
-    QTest::newRow("zero width") << file({cgbi, ihdr(0, 4, 8, 6, 0), idat, iend})
-                                << "%1 : image dimensions invalid\n";
-    auto badIhdr = [&](int byte, uint8_t value) {
-        Bytes d = chunks[1].data;
-        d[byte] = value;
-        return file({cgbi, chunk("IHDR", d), idat, iend});
-    };
-    auto crushedWithData = [&](uint32_t w, uint32_t h, int type, int interlace, const Bytes& raw) {
-        return file({cgbi, ihdr(w, h, 8, type, interlace), chunk("IDAT", rawDeflate(raw)), iend});
-    };
-    QTest::newRow("compression 1") << badIhdr(10, 1) << "%1 : unknown compression type 1\n";
-    QTest::newRow("interlace 2") << badIhdr(12, 2) << "%1 : unknown interlace type 2\n";
-    QTest::newRow("colour type 7") << badIhdr(9, 7) << "%1 : unknown color type 7\n";
-    QTest::newRow("rgb depth 4") << badIhdr(8, 4) << "%1 : invalid bit depth 4 for color type 6\n";
-    QTest::newRow("no IDAT") << file({cgbi, chunk("IHDR", chunks[1].data), iend})
-                             << "%1 : no IDAT chunks found\n";
-    QTest::newRow("IDAT not consecutive") << file({cgbi, chunk("IHDR", chunks[1].data), idat,
-                                                   chunk("tEXt", {'a', 0, 'b'}), idat, iend})
-                                          << "%1 : IDAT chunks are not consecutive\n";
-    QTest::newRow("IDAT empty") << file({cgbi, chunk("IHDR", chunks[1].data), chunk("IDAT", {}),
-                                         chunk("IDAT", {}), iend})
-                                << "%1 : all IDAT chunks are empty\n";
-
-    // 6x4 RGBA expects 4 * (1 + 24) = 100 bytes.
-    QTest::newRow("IDAT inflates short")
-        << crushedWithData(6, 4, 6, 0, Bytes(60, 0))
-        << "%1 : decompression error, expected 100 but got 60 bytes\n";
-    QTest::newRow("IDAT inflates long")
-        << crushedWithData(6, 4, 6, 0, Bytes(101, 0)) << "%1 : unspecified decompression error\n";
-    // Declared dimensions far beyond what the data can hold: refused without
-    // reserving memory for them.
-    const unsigned long long side = 0x7FFFFFFF;
-    QTest::newRow("huge dimensions")
-        << crushedWithData(0x7FFFFFFF, 0x7FFFFFFF, 6, 0, Bytes(100, 0))
-        << "%1 : decompression error, expected " + QString::number(4 * side * side + side) +
-               " but got 100 bytes\n";
-    // Passes without columns still count their filter bytes, so a 3-pixel-wide
-    // interlaced image never has the size the converter expects.
-    PngRecipe narrow = rgbaRecipe(3, 9);
-    narrow.interlaced = true;
-    QTest::newRow("interlaced narrower than 5")
-        << buildPng(narrow) << "%1 : decompression error, expected 127 but got 125 bytes\n";
-    // 1x1 RGBA: 5 bytes of data leave 6 bytes for a zlib stream that needs more.
-    QTest::newRow("too small to recompress")
-        << buildPng(rgbaRecipe(1, 1)) << "%1 : unspecified compression error\n";
-    Bytes badRows(4 * 25, 0);
-    badRows[25] = 5;
-    QTest::newRow("row filter 5") << crushedWithData(6, 4, 6, 0, badRows)
-                                  << "%1 : unknown row filter type (5)\n";
-    // An unknown filter byte in the last Adam7 pass is found before any pixel changes.
-    // 8x8 RGB passes take 4 + 4 + 7 + 2 * 7 + 2 * 13 + 4 * 13 + 4 * 25 bytes, all None rows.
-    Bytes passRows(207, 0);
-    passRows[207 - 4 * 25] = 7; // first row of pass 6
-    QTest::newRow("row filter 7 in last pass")
-        << crushedWithData(8, 8, 2, 1, passRows) << "%1 : unknown row filter type (7)\n";
-}
-
-void TestPngCrush::refusesBadInput()
-{
-    QFETCH(Bytes, file);
-    QFETCH(QString, message);
-    const QString path = writeInput(QStringLiteral("bad.png"), file);
-    PngCrush crush;
-    const Run run = runCrush(crush, path);
-    QCOMPARE(run.result, 0);
-    QCOMPARE(run.output, message.arg(path));
-    QVERIFY(run.outName.isEmpty());
-    QCOMPARE(readFile(path), toQt(file)); // untouched
-}
-
-void TestPngCrush::options_data()
+void TestPngCrush::process_data()
 {
     QTest::addColumn<QString>("name"); // the input, in the test folder
     QTest::addColumn<Bytes>("file");
@@ -510,20 +300,112 @@ void TestPngCrush::options_data()
         << "" << 0u;
 
     // A plain file, when allowed, goes through the same channel swap.
-    PngRecipe plain;
-    plain.width = 4;
-    plain.height = 2;
-    plain.colorType = 2;
-    plain.crushed = false;
-    plain.filter = 4;
-    plain.pixels = testPixels(4, 2, 2, 9);
+    const PngRecipe plain{4, 2, 2, false, false, true, 4, testPixels(4, 2, 2, 9)};
     const uint8_t* p = plain.pixels.data();
     QTest::newRow("plain file allowed") << "plain.png" << buildPng(plain) << "allow_plain" << 1
                                         << "%1 : not an -iphone crushed PNG file\n"
                                         << "plain.png" << uint(qRgb(p[2], p[1], p[0]));
+
+    // Bad input: refused with its message, the file untouched.
+    auto refused = [](const char* row, const Bytes& file, const QString& message) {
+        QTest::newRow(row) << "bad.png" << file << "" << 0 << message << "" << 0u;
+    };
+
+    const Bytes good = buildPng(rgbaRecipe(6, 4));
+    std::vector<ParsedChunk> goodChunks;
+    parseChunks(good, goodChunks);
+    const Bytes signature(good.begin(), good.begin() + 8);
+    const size_t iendAt = good.size() - 12;
+
+    PngRecipe plainRecipe = rgbaRecipe(6, 4);
+    plainRecipe.crushed = false;
+    refused("plain png", buildPng(plainRecipe), "%1 : not an -iphone crushed PNG file\n");
+    refused("not a png", Bytes{'G', 'I', 'F', '8', '9', 'a', 0, 0, 0, 0}, "%1 : not a PNG file\n");
+    refused("signature only", signature, "%1 : premature end of file\n");
+
+    Bytes firstTooLong = signature;
+    firstTooLong.insert(firstTooLong.end(), {0x7F, 0, 0, 0, 'C', 'g', 'B', 'I'});
+    refused("first chunk longer than file", firstTooLong, "%1 : invalid chunk size\n");
+
+    refused("truncated in IDAT", Bytes(good.begin(), good.begin() + iendAt - 10),
+            "%1 : premature end of file\n");
+    Bytes hugeLength(good.begin(), good.begin() + iendAt);
+    hugeLength.insert(hugeLength.end(), {0xFF, 0xFF, 0xFF, 0xFC, 'I', 'E', 'N', 'D'});
+    refused("chunk length near 4 GB", hugeLength, "%1 : invalid chunk size\n");
+    refused("missing IEND", Bytes(good.begin(), good.begin() + iendAt),
+            "%1 : missing IEND chunk\n");
+
+    const Bytes cgbi = chunk("CgBI", {0x50, 0, 0x20, 6});
+    const Bytes idat = chunk("IDAT", goodChunks[2].data);
+    const Bytes iend = chunk("IEND", {});
+    auto file = [&](std::initializer_list<Bytes> parts) {
+        Bytes f = signature;
+        for (const Bytes& p : parts)
+            f.insert(f.end(), p.begin(), p.end());
+        return f;
+    };
+    refused("IHDR missing", file({cgbi, idat, iend}), "%1 : no IHDR chunk found\n");
+    refused("IHDR too short", file({cgbi, chunk("IHDR", Bytes(12, 1)), idat, iend}),
+            "%1 : IHDR chunk length incorrect\n");
+    refused("zero width", file({cgbi, ihdr(0, 4, 8, 6, 0), idat, iend}),
+            "%1 : image dimensions invalid\n");
+    auto badIhdr = [&](int byte, uint8_t value) {
+        Bytes d = goodChunks[1].data;
+        d[byte] = value;
+        return file({cgbi, chunk("IHDR", d), idat, iend});
+    };
+    auto crushedWithData = [&](uint32_t w, uint32_t h, int type, int interlace, const Bytes& raw) {
+        return file(
+            {cgbi, ihdr(w, h, 8, type, interlace), chunk("IDAT", compress(raw, true)), iend});
+    };
+    refused("compression 1", badIhdr(10, 1), "%1 : unknown compression type 1\n");
+    refused("interlace 2", badIhdr(12, 2), "%1 : unknown interlace type 2\n");
+    refused("colour type 7", badIhdr(9, 7), "%1 : unknown color type 7\n");
+    refused("rgb depth 4", badIhdr(8, 4), "%1 : invalid bit depth 4 for color type 6\n");
+    refused("no IDAT", file({cgbi, chunk("IHDR", goodChunks[1].data), iend}),
+            "%1 : no IDAT chunks found\n");
+    refused("IDAT not consecutive",
+            file({cgbi, chunk("IHDR", goodChunks[1].data), idat, chunk("tEXt", {'a', 0, 'b'}), idat,
+                  iend}),
+            "%1 : IDAT chunks are not consecutive\n");
+    refused(
+        "IDAT empty",
+        file({cgbi, chunk("IHDR", goodChunks[1].data), chunk("IDAT", {}), chunk("IDAT", {}), iend}),
+        "%1 : all IDAT chunks are empty\n");
+
+    // 6x4 RGBA expects 4 * (1 + 24) = 100 bytes.
+    refused("IDAT inflates short", crushedWithData(6, 4, 6, 0, Bytes(60, 0)),
+            "%1 : decompression error, expected 100 but got 60 bytes\n");
+    refused("IDAT inflates long", crushedWithData(6, 4, 6, 0, Bytes(101, 0)),
+            "%1 : unspecified decompression error\n");
+    // Declared dimensions far beyond what the data can hold: refused without
+    // reserving memory for them.
+    const unsigned long long side = 0x7FFFFFFF;
+    refused("huge dimensions", crushedWithData(0x7FFFFFFF, 0x7FFFFFFF, 6, 0, Bytes(100, 0)),
+            "%1 : decompression error, expected " + QString::number(4 * side * side + side) +
+                " but got 100 bytes\n");
+    // Passes without columns still count their filter bytes, so a 3-pixel-wide
+    // interlaced image never has the size the converter expects.
+    PngRecipe narrow = rgbaRecipe(3, 9);
+    narrow.interlaced = true;
+    refused("interlaced narrower than 5", buildPng(narrow),
+            "%1 : decompression error, expected 127 but got 125 bytes\n");
+    // 1x1 RGBA: 5 bytes of data leave 6 bytes for a zlib stream that needs more.
+    refused("too small to recompress", buildPng(rgbaRecipe(1, 1)),
+            "%1 : unspecified compression error\n");
+    Bytes badRows(4 * 25, 0);
+    badRows[25] = 5;
+    refused("row filter 5", crushedWithData(6, 4, 6, 0, badRows),
+            "%1 : unknown row filter type (5)\n");
+    // An unknown filter byte in the last Adam7 pass is found before any pixel changes.
+    // 8x8 RGB passes take 4 + 4 + 7 + 2 * 7 + 2 * 13 + 4 * 13 + 4 * 25 bytes, all None rows.
+    Bytes passRows(207, 0);
+    passRows[207 - 4 * 25] = 7; // first row of pass 6
+    refused("row filter 7 in last pass", crushedWithData(8, 8, 2, 1, passRows),
+            "%1 : unknown row filter type (7)\n");
 }
 
-void TestPngCrush::options()
+void TestPngCrush::process()
 {
     QFETCH(QString, name);
     QFETCH(Bytes, file);
@@ -586,47 +468,14 @@ void TestPngCrush::rowFiltersMatchDefinition()
         for (int y = 0; y < height; ++y)
             rows[y * (4 * width + 1)] = char(filter >= 0 ? filter : next() % 5);
         QByteArray expected = rows;
-        refRemove(expected, width, height);
+        refFilters(expected, width, height, false);
         QByteArray got = rows;
         PngCrush::removeRowFilters(width, height, reinterpret_cast<unsigned char*>(got.data()));
         QVERIFY2(got == expected, qPrintable(QStringLiteral("remove, width %1").arg(width)));
-        refApply(expected, width, height);
+        refFilters(expected, width, height, true);
         PngCrush::applyRowFilters(width, height, reinterpret_cast<unsigned char*>(got.data()));
         QVERIFY2(got == expected, qPrintable(QStringLiteral("apply, width %1").arg(width)));
     }
-}
-
-void TestPngCrush::standardFilters()
-{
-    // Rows use filters 0 to 4 in turn; by default the converter re-filters Up, Average
-    // and Paeth rows its own way, which ordinary decoders show with wrong pixels.
-    PngRecipe recipe = rgbaRecipe(19, 13);
-    recipe.filter = -1;
-    const QString path = writeInput(QStringLiteral("rows.png"), buildPng(recipe));
-    PngCrush crush;
-    QCOMPARE(crush.standard_filters, 0);
-    QCOMPARE(runCrush(crush, path).result, 1);
-    QVERIFY(wrongPixels(recipe, path) > 0);
-
-    // Without the option the bytes are the converter's: its filters undone, the
-    // colours demultiplied, its filters applied again.
-    QByteArray expected = toQt(scanlines(recipe));
-    const int stride = 4 * int(recipe.width) + 1;
-    for (int y = 0; y < int(recipe.height); ++y)
-        for (int x = 0; x < int(recipe.width); ++x)
-            std::swap(expected.data()[y * stride + 1 + 4 * x],
-                      expected.data()[y * stride + 3 + 4 * x]);
-    refRemove(expected, int(recipe.width), int(recipe.height));
-    PngCrush::demultiplyAlpha(int(recipe.width), int(recipe.height),
-                              reinterpret_cast<unsigned char*>(expected.data()));
-    refApply(expected, int(recipe.width), int(recipe.height));
-    std::vector<ParsedChunk> chunks;
-    QVERIFY(parseChunks(fromQt(readFile(path)), chunks));
-    QCOMPARE(chunks.at(1).type, std::string("IDAT"));
-    // qUncompress takes a zlib stream behind its big-endian expected size.
-    QByteArray idat(4, 0);
-    qToBigEndian(quint32(expected.size()), idat.data());
-    QCOMPARE(qUncompress(idat + toQt(chunks.at(1).data)), expected);
 }
 
 KAVREL_TEST_MAIN(TestPngCrush)

@@ -5,7 +5,6 @@
 #include "CProcStartAMD.h"
 #include "TestSupport.h"
 
-#include <QSignalSpy>
 #include <cerrno>
 #include <memory>
 #include <signal.h>
@@ -13,14 +12,12 @@
 
 namespace {
 
-const QByteArray kRunningQuery = "\nSERVICE_NAME: Apple Mobile Device\n"
-                                 "        TYPE               : 10  WIN32_OWN_PROCESS\n"
-                                 "        STATE              : 4  RUNNING\n"
-                                 "        SERVICE_EXIT_CODE  : 0  (0x0)\n";
-const QByteArray kStoppedQuery = "\nSERVICE_NAME: Apple Mobile Device\n"
-                                 "        STATE              : 1  STOPPED\n"
-                                 "        SERVICE_EXIT_CODE  : 0  (0x0)\n";
-const QByteArray kStartPending = "\nSERVICE_NAME: Apple Mobile Device\n"
+// What `sc` prints when asked about the service, and when asked to start it.
+const QByteArray kRunningQuery = "SERVICE_NAME: Apple Mobile Device\n"
+                                 "        STATE              : 4  RUNNING\n";
+const QByteArray kStoppedQuery = "SERVICE_NAME: Apple Mobile Device\n"
+                                 "        STATE              : 1  STOPPED\n";
+const QByteArray kStartPending = "SERVICE_NAME: Apple Mobile Device\n"
                                  "        STATE              : 2  START_PENDING\n"
                                  "        SERVICE_EXIT_CODE  : 0  (0x0)\n";
 const QByteArray kAlreadyRunning =
@@ -31,15 +28,6 @@ const QByteArray kCrash = "kill -KILL $$\n";
 QByteArray printing(const QByteArray& text)
 {
     return "cat <<'EOF'\n" + text + "EOF\n";
-}
-
-bool writeScript(const QString& file, const QByteArray& body, bool executable = true)
-{
-    QFile::remove(file);
-    QFile::Permissions perms = QFile::ReadOwner | QFile::WriteOwner;
-    if (executable)
-        perms |= QFile::ExeOwner;
-    return kavreltest::writeFile(file, "#!/bin/sh\n" + body) && QFile::setPermissions(file, perms);
 }
 
 // A folder put in front of PATH while the object lives, holding an `sc` of the test's own
@@ -56,8 +44,12 @@ public:
     QString path(const QString& name) const { return mDir.filePath(name); }
     bool writeSc(const QByteArray& body, bool executable = true) const
     {
+        const QString sc = path("sc");
+        QFile::remove(sc);
         const QByteArray record = "printf '%s|' \"$@\" > '" + QFile::encodeName(path("arguments"));
-        return writeScript(path("sc"), record + "'\n" + body, executable);
+        return kavreltest::writeFile(sc, "#!/bin/sh\n" + record + "'\n" + body) &&
+               QFile::setPermissions(sc, QFile::ReadOwner | QFile::WriteOwner |
+                                             (executable ? QFile::ExeOwner : QFile::Permission()));
     }
 
 private:
@@ -109,7 +101,6 @@ private slots:
     void runs_data();
     void runs();
     void destroyedWrapperEndsChildWithoutAnswer();
-    void unstartableScSendsNoAnswer_data();
     void unstartableScSendsNoAnswer();
     void hostCommand_data();
     void hostCommand();
@@ -174,27 +165,20 @@ void TestServiceControl::destroyedWrapperEndsChildWithoutAnswer()
     QCOMPARE(errno, ESRCH);
 }
 
-void TestServiceControl::unstartableScSendsNoAnswer_data()
-{
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<bool>("present");
-    QTest::newRow("check: no sc on PATH") << "check" << false;
-    QTest::newRow("start: sc not executable") << "start" << true;
-}
-
 void TestServiceControl::unstartableScSendsNoAnswer()
 {
-    QFETCH(QString, kind);
-    QFETCH(bool, present);
-    ScFolder folder(false);
-    if (present)
-        QVERIFY(folder.writeSc(printing(kStartPending), false));
-    kavreltest::LogCapture log;
-    Wrapper wrapper(kind);
-    wrapper.request();
-    QTRY_VERIFY2(log.hasLine("CProcBase::slotProcError, error: 0"), qPrintable(log.dump()));
-    QTest::qWait(200);
-    QCOMPARE(wrapper.answers->count(), 0);
+    // Check with no sc on PATH, start with an sc that is not executable.
+    for (const bool present : {false, true}) {
+        ScFolder folder(false);
+        if (present)
+            QVERIFY(folder.writeSc(printing(kStartPending), false));
+        kavreltest::LogCapture log;
+        Wrapper wrapper(present ? "start" : "check");
+        wrapper.request();
+        QTRY_VERIFY2(log.hasLine("CProcBase::slotProcError, error: 0"), qPrintable(log.dump()));
+        QTest::qWait(200);
+        QCOMPARE(wrapper.answers->count(), 0);
+    }
 }
 
 void TestServiceControl::hostCommand_data()

@@ -3,7 +3,6 @@
 #include "TestSupport.h"
 #include "Utility.h"
 
-#include <QElapsedTimer>
 #include <cstdlib>
 
 class TestUtility : public QObject
@@ -66,8 +65,7 @@ void TestUtility::toJsonString_data()
 void TestUtility::toJsonString()
 {
     QFETCH(QVariantMap, map);
-    QFETCH(QString, json);
-    QCOMPARE(Utility::toJsonString(map), json);
+    QTEST(Utility::toJsonString(map), "json");
 }
 
 void TestUtility::base64Encode_data()
@@ -75,7 +73,6 @@ void TestUtility::base64Encode_data()
     QTest::addColumn<QByteArray>("input");
     QTest::addColumn<QByteArray>("expected"); // null: no text at all
     QTest::newRow("one zero byte") << QByteArray(1, '\0') << QByteArray("AA==");
-    QTest::newRow("abc") << QByteArray("abc") << QByteArray("YWJj");
     QTest::newRow("two bytes") << QByteArray("ab") << QByteArray("YWI=");
     QTest::newRow("all high bits") << QByteArray("\xff\xfe\xfd\xfc", 4) << QByteArray("//79/A==");
     const QByteArray big(3000, 'z');

@@ -10,36 +10,27 @@
 
 #include <plist/plist.h>
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    silenceQtMessages();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size > 1 << 20)
-        return 0;
     plist_t root = nullptr;
-    DeviceHelper::plistFromBuffer(reinterpret_cast<const char*>(data), unsigned(size), &root);
+    if (size <= 1 << 20)
+        DeviceHelper::plistFromBuffer(reinterpret_cast<const char*>(data), unsigned(size), &root);
     if (!root)
         return 0;
-
-    QString json;
+    QString json, text;
     DeviceHelper::nodeToJson(json, root);
-    if (plist_get_node_type(root) == PLIST_DICT) {
-        QString text;
-        quint64 number = 0;
-        QStringList list;
-        // Keys the library looks up in device answers, whatever type they hold here.
-        for (const char* key : {"CFBundleIdentifier", "CFBundleSupportedPlatforms", "Total",
-                                "PercentComplete", "Status", ""}) {
-            DeviceHelper::getDictString(root, key, text);
-            DeviceHelper::getDictUInt(root, key, &number);
-            DeviceHelper::getDictStringList(root, key, list);
-            DeviceHelper::getDictFirstString(root, key, text);
-            DeviceHelper::getMetaString(root, key);
-        }
+    quint64 number = 0;
+    QStringList list;
+    // Keys the library looks up in device answers, whatever type they hold here.
+    for (const char* key : {"CFBundleIdentifier", "CFBundleSupportedPlatforms", "Total",
+                            "PercentComplete", "Status", ""}) {
+        if (plist_get_node_type(root) != PLIST_DICT)
+            break;
+        DeviceHelper::getDictString(root, key, text);
+        DeviceHelper::getDictUInt(root, key, &number);
+        DeviceHelper::getDictStringList(root, key, list);
+        DeviceHelper::getDictFirstString(root, key, text);
+        DeviceHelper::getMetaString(root, key);
     }
     plist_free(root);
     return 0;

@@ -5,54 +5,27 @@
 #include "FuzzInput.h"
 #include "PngCrush.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
-
-std::string gDir;
-std::string gInput;
-std::string gOutDir;
-
-bool writeInput(const uint8_t* data, size_t size)
-{
-    FILE* f = fopen(gInput.c_str(), "wb");
-    if (!f)
-        return false;
-    const bool ok = fwrite(data, 1, size, f) == size;
-    fclose(f);
-    return ok;
-}
-
+std::string gInput, gOutDir;
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     // The converter reports on standard output; millions of lines help nobody.
     if (!freopen("/dev/null", "w", stdout))
-        return 0;
-    // Every input is written to a file and converted into another: keep them in memory
-    // (/dev/shm) where there is such a place, the disk is the bottleneck otherwise.
-    char shm[] = "/dev/shm/fuzz_pngcrush.XXXXXX";
-    char tmp[] = "/tmp/fuzz_pngcrush.XXXXXX";
-    const char* templ = mkdtemp(shm);
-    if (!templ)
-        templ = mkdtemp(tmp);
-    if (!templ)
         abort();
-    gDir = templ;
-    gInput = gDir + "/input.png";
-    gOutDir = gDir + "/out";
+    const std::string dir = fuzzinput::scratchDir("fuzz_pngcrush");
+    gInput = dir + "/input.png";
+    gOutDir = dir + "/out";
     mkdir(gOutDir.c_str(), 0700);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size < 1 || !writeInput(data + 1, size - 1))
+    if (size < 1 || !fuzzinput::writeFile(gInput, data + 1, size - 1))
         return 0;
     using namespace fuzzinput;
     const uint8_t flags = data[0];
@@ -67,10 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     crush.output_dir = (flags & OutputDir) ? const_cast<char*>(gOutDir.c_str()) : nullptr;
 
     char* outName = nullptr;
-    const int written = crush.process(const_cast<char*>(gInput.c_str()), &outName);
-    if (written == 1 && outName) {
-        // Second round on the result, which is a plain PNG now.
-        PngCrush again;
+    if (crush.process(const_cast<char*>(gInput.c_str()), &outName) == 1 && outName) {
+        PngCrush again; // the result is a plain PNG now
         again.allow_plain = 1;
         again.write_output = 0;
         again.process(outName, nullptr);

@@ -4,9 +4,7 @@
 #include "TestSupport.h"
 #include "ZipBuilder.h"
 
-#include <QFileInfo>
 #include <QImage>
-#include <QTemporaryDir>
 
 using Entries = QList<QPair<QString, QByteArray>>;
 Q_DECLARE_METATYPE(Entries)
@@ -15,66 +13,44 @@ namespace {
 
 const QString kApp = QStringLiteral("Payload/Sample.app/");
 
-// Turns a map of strings, numbers and lists into a binary or XML property list.
-plist_t toPlistNode(const QVariant& value)
-{
-    switch (value.type()) {
-    case QVariant::Map: {
-        plist_t dict = plist_new_dict();
-        const QVariantMap map = value.toMap();
-        for (auto it = map.begin(); it != map.end(); ++it)
-            plist_dict_set_item(dict, it.key().toUtf8().constData(), toPlistNode(it.value()));
-        return dict;
-    }
-    case QVariant::List:
-    case QVariant::StringList: {
-        plist_t array = plist_new_array();
-        for (const QVariant& item : value.toList())
-            plist_array_append_item(array, toPlistNode(item));
-        return array;
-    }
-    case QVariant::Int:
-        return plist_new_uint(value.toUInt());
-    default:
-        return plist_new_string(value.toString().toUtf8().constData());
-    }
-}
-
+// A property list of texts (a string list becomes an array), as XML or binary.
 QByteArray plistBytes(const QVariantMap& map, bool binary)
 {
-    return kavreltest::plistBytes(toPlistNode(map), binary);
+    QByteArray xml = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>";
+    for (auto it = map.begin(); it != map.end(); ++it) {
+        const QStringList texts = it.value().toStringList();
+        const QByteArray strings =
+            "<string>" + texts.join("</string><string>").toUtf8() + "</string>";
+        xml += "<key>" + it.key().toUtf8() + "</key>" +
+               (it.value().type() == QVariant::StringList ? "<array>" + strings + "</array>"
+                                                          : strings);
+    }
+    xml += "</dict></plist>";
+    if (!binary)
+        return xml;
+    plist_t node = nullptr;
+    plist_from_xml(xml.constData(), uint32_t(xml.size()), &node);
+    return kavreltest::plistBytes(node, true);
 }
 
-QVariantMap sampleInfo()
-{
-    return {{"CFBundleDisplayName", "Sample"},
-            {"CFBundleIdentifier", "com.example.sample"},
-            {"CFBundleShortVersionString", "1.2"},
-            {"CFBundleVersion", "345"},
-            {"MinimumOSVersion", "9.0"},
-            {"CFBundleIconFile", "AppIcon.png"},
-            {"CFBundleSupportedPlatforms", QStringList{"iPhoneOS"}}};
-}
+const QVariantMap kInfo{{"CFBundleDisplayName", "Sample"},
+                        {"CFBundleIdentifier", "com.example.sample"},
+                        {"CFBundleShortVersionString", "1.2"},
+                        {"CFBundleVersion", "345"},
+                        {"MinimumOSVersion", "9.0"},
+                        {"CFBundleIconFile", "AppIcon.png"},
+                        {"CFBundleSupportedPlatforms", QStringList{"iPhoneOS"}}};
 
-QVariantMap sampleMetadata()
-{
-    return {{"softwareVersionBundleId", "com.store.listing"},
-            {"itemName", "Store Name"},
-            {"bundleVersion", "9.9"},
-            {"appleId", "buyer@example.com"},
-            {"genre", "Games"}};
-}
+const QVariantMap kMetadata{{"softwareVersionBundleId", "com.store.listing"},
+                            {"itemName", "Store Name"},
+                            {"bundleVersion", "9.9"},
+                            {"appleId", "buyer@example.com"},
+                            {"genre", "Games"}};
 
 QVariantMap without(QVariantMap map, const QStringList& keys)
 {
     for (const QString& key : keys)
         map.remove(key);
-    return map;
-}
-
-QVariantMap with(QVariantMap map, const QString& key, const QVariant& value)
-{
-    map.insert(key, value);
     return map;
 }
 
@@ -130,21 +106,22 @@ void TestIpaParser::parseIpa_data()
     const QString sample = "com.example.sample|Sample|";
     const QString preset = "|preset-apple|preset-type|iPhoneOS";
     QTest::newRow("binary Info.plist: build version wins over short version")
-        << app(sampleInfo(), true, {{kApp + "icon.png", kIconB}}) << kIconA
+        << app(kInfo, true, {{kApp + "icon.png", kIconB}}) << kIconA
         << sample + "345|AppIcon.png" + preset;
     QTest::newRow("XML Info.plist: short version kept without build version")
-        << app(without(sampleInfo(), {"CFBundleVersion"}), false) << kIconA
+        << app(without(kInfo, {"CFBundleVersion"}), false) << kIconA
         << sample + "1.2|AppIcon.png" + preset;
 
-    const QVariantMap iconFiles = with(without(sampleInfo(), {"CFBundleIconFile"}),
-                                       "CFBundleIconFiles", QStringList{"Icon-72.png", "Icon.png"});
+    QVariantMap iconFiles = without(kInfo, {"CFBundleIconFile"});
+    iconFiles.insert("CFBundleIconFiles", QStringList{"Icon-72.png", "Icon.png"});
     QTest::newRow("icon files array: first entry is taken")
         << app(iconFiles, true, {{kApp + "Icon.png", kIconB}, {kApp + "Icon-72.png", kIcon72}})
         << kIcon72 << sample + "345|Icon-72.png" + preset;
     QTest::newRow("no icon key: Icon.png is assumed")
-        << app(without(sampleInfo(), {"CFBundleIconFile"}), true, {{kApp + "Icon.png", kIconB}})
-        << kIconB << sample + "345|Icon.png" + preset;
-    const QVariantMap bareIcon = with(sampleInfo(), "CFBundleIconFile", "Icon");
+        << app(without(kInfo, {"CFBundleIconFile"}), true, {{kApp + "Icon.png", kIconB}}) << kIconB
+        << sample + "345|Icon.png" + preset;
+    QVariantMap bareIcon = kInfo;
+    bareIcon.insert("CFBundleIconFile", "Icon");
     QTest::newRow("icon name without extension: falls back to icon.png, name kept")
         << app(bareIcon, true, {{kApp + "Icon.png", kIconA}, {kApp + "icon.png", kIconB}}) << kIconB
         << sample + "345|Icon" + preset;
@@ -155,23 +132,21 @@ void TestIpaParser::parseIpa_data()
                                    {"CFBundleIconFile", "AppIcon.png"}};
     QTest::newRow("nested bundle's Info.plist listed first wins")
         << Entries{{kApp + "PlugIns/Widget.appex/Info.plist", plistBytes(extension, true)}} +
-               app(sampleInfo(), true)
+               app(kInfo, true)
         << kIconA << "com.example.sample.widget|Widget|7|AppIcon.png|preset-apple|preset-type|";
 
     QTest::newRow("binary metadata: Info.plist overrides id, name, version")
-        << Entries{{"iTunesMetadata.plist", plistBytes(sampleMetadata(), true)}} +
-               app(sampleInfo(), true)
+        << Entries{{"iTunesMetadata.plist", plistBytes(kMetadata, true)}} + app(kInfo, true)
         << kIconA << sample + "345|AppIcon.png|buyer@example.com|Games|iPhoneOS";
-    const QVariantMap sparse = without(
-        sampleInfo(), {"CFBundleDisplayName", "CFBundleVersion", "CFBundleShortVersionString"});
+    const QVariantMap sparse =
+        without(kInfo, {"CFBundleDisplayName", "CFBundleVersion", "CFBundleShortVersionString"});
     QTest::newRow("XML metadata fills what Info.plist lacks")
-        << app(sparse, false, {{"iTunesMetadata.plist", plistBytes(sampleMetadata(), false)}})
-        << kIconA
+        << app(sparse, false, {{"iTunesMetadata.plist", plistBytes(kMetadata, false)}}) << kIconA
         << "com.example.sample|Store Name|9.9|AppIcon.png|buyer@example.com|Games|iPhoneOS";
     // Metadata that is no property list is refused on its own; the parse goes on.
     QTest::newRow("unparsable metadata is skipped")
-        << Entries{{"iTunesMetadata.plist", "bplist00 but not really"}} + app(sampleInfo(), true)
-        << kIconA << sample + "345|AppIcon.png" + preset;
+        << Entries{{"iTunesMetadata.plist", "bplist00 but not really"}} + app(kInfo, true) << kIconA
+        << sample + "345|AppIcon.png" + preset;
 }
 
 void TestIpaParser::parseIpa()
@@ -192,33 +167,23 @@ void TestIpaParser::parseIpa()
 
 void TestIpaParser::refusedArchives_data()
 {
-    QTest::addColumn<QByteArray>("contents");
-    QTest::addColumn<Entries>("entries"); // used when contents is empty
+    QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("logLine");
 
-    const QByteArray zip; // marker: build from entries
-    QTest::newRow("not a zip") << QByteArray("this is not a zip archive") << Entries()
-                               << "ERROR: zip_open: ";
-    QTest::newRow("no Info.plist") << zip << Entries{{kApp + "AppIcon.png", kIconA}}
+    const QString notZip = mDir.filePath(QStringLiteral("notzip.ipa"));
+    QVERIFY(kavreltest::writeFile(notZip, "this is not a zip archive"));
+    QTest::newRow("not a zip") << notZip << "ERROR: zip_open: ";
+    QTest::newRow("no Info.plist") << writeIpa("noinfo.ipa", {{kApp + "AppIcon.png", kIconA}})
                                    << "Warning: could not locate Info.plist in archive!";
     QTest::newRow("Info.plist is not a property list")
-        << zip << Entries{{kApp + "Info.plist", "<plist><dict><key>oops"}}
+        << writeIpa("badinfo.ipa", {{kApp + "Info.plist", "<plist><dict><key>oops"}})
         << "Error: Could not parse Info.plist!";
 }
 
 void TestIpaParser::refusedArchives()
 {
-    QFETCH(QByteArray, contents);
-    QFETCH(Entries, entries);
+    QFETCH(QString, path);
     QFETCH(QString, logLine);
-
-    QString path;
-    if (contents.isEmpty()) {
-        path = writeIpa(QStringLiteral("refused.ipa"), entries);
-    } else {
-        path = mDir.filePath(QStringLiteral("refused.ipa"));
-        QVERIFY(kavreltest::writeFile(path, contents));
-    }
     kavreltest::LogCapture log;
     IpaParser::IpaInfo info;
     QVERIFY(!IpaParser::parseIpa(path, &info));
@@ -227,8 +192,8 @@ void TestIpaParser::refusedArchives()
 
 void TestIpaParser::defaultIcon()
 {
-    const QString path = writeIpa(QStringLiteral("noicon.ipa"),
-                                  {{kApp + "Info.plist", plistBytes(sampleInfo(), true)}});
+    const QString path =
+        writeIpa(QStringLiteral("noicon.ipa"), {{kApp + "Info.plist", plistBytes(kInfo, true)}});
     kavreltest::LogCapture log;
     IpaParser::IpaInfo info;
     QVERIFY(IpaParser::parseIpa(path, &info));
@@ -242,14 +207,11 @@ void TestIpaParser::defaultIcon()
 void TestIpaParser::invalidArguments()
 {
     // A one-byte path is refused before the file system is asked, even when it exists.
-    const QString cwd = QDir::currentPath();
-    QVERIFY(QDir::setCurrent(mDir.path()));
+    QVERIFY(QDir::setCurrent(mDir.path())); // the last test: the folder is not changed back
     QVERIFY(kavreltest::writeFile(mDir.filePath(QStringLiteral("a")), "x"));
     kavreltest::LogCapture log;
     IpaParser::IpaInfo info;
-    const bool oneChar = IpaParser::parseIpa(QStringLiteral("a"), &info);
-    QDir::setCurrent(cwd);
-    QVERIFY(!oneChar);
+    QVERIFY(!IpaParser::parseIpa(QStringLiteral("a"), &info));
     QVERIFY(log.hasLine(QStringLiteral("ipa name shouldn't be empty.")));
     QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("a")), nullptr));
     QVERIFY(!IpaParser::parseIpa(mDir.filePath(QStringLiteral("missing.ipa")), &info));

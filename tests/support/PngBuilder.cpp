@@ -22,20 +22,6 @@ void putLong(Bytes& out, uint32_t v)
         out.push_back(uint8_t(v >> shift));
 }
 
-// The stored form of one pixel: channels swapped and colours premultiplied when crushed.
-void storePixel(const PngRecipe& recipe, const uint8_t* in, uint8_t* out)
-{
-    const int n = channels(recipe.colorType);
-    memcpy(out, in, n);
-    if (!recipe.crushed || (recipe.colorType != 2 && recipe.colorType != 6))
-        return;
-    if (recipe.colorType == 6 && recipe.premultiply) {
-        for (int c = 0; c < 3; ++c)
-            out[c] = premultiplied(in[c], in[3]);
-    }
-    std::swap(out[0], out[2]);
-}
-
 } // namespace
 
 int channels(int colorType)
@@ -76,6 +62,19 @@ uint8_t premultiplied(uint8_t v, uint8_t a)
     return uint8_t((v * a + 127) / 255);
 }
 
+Bytes convertedPixels(const PngRecipe& recipe, bool fixAlpha)
+{
+    Bytes px = recipe.pixels;
+    for (size_t i = 0; recipe.colorType == 6 && i < px.size(); i += 4) {
+        const unsigned a = px[i + 3];
+        for (int c = 0; c < 3; ++c) {
+            const unsigned stored = recipe.premultiply ? premultiplied(px[i + c], a) : px[i + c];
+            px[i + c] = uint8_t(fixAlpha && a ? (stored * 255 + a / 2) / a : stored);
+        }
+    }
+    return px;
+}
+
 // Standard row filter of one row in place; prev is the unfiltered row above or null.
 static void filterRow(int type, uint8_t* row, const uint8_t* prev, size_t length, int bpp)
 {
@@ -89,9 +88,14 @@ static void filterRow(int type, uint8_t* row, const uint8_t* prev, size_t length
     }
 }
 
-Bytes scanlines(const PngRecipe& recipe)
+// The scanlines (filter byte + filtered bytes, Adam7 passes one after the other) the
+// recipe's pixels give, as stored before compression.
+static Bytes scanlines(const PngRecipe& recipe)
 {
     const int n = channels(recipe.colorType);
+    // Crushed files store BGR(A), with colours premultiplied unless the recipe says otherwise.
+    const Bytes stored = recipe.crushed ? convertedPixels(recipe, false) : recipe.pixels;
+    const bool swap = recipe.crushed && (recipe.colorType == 2 || recipe.colorType == 6);
     Bytes out;
     const int passes = recipe.interlaced ? 7 : 1;
     for (int p = 0; p < passes; ++p) {
@@ -107,32 +111,15 @@ Bytes scanlines(const PngRecipe& recipe)
         for (uint32_t r = 0; r < rows; ++r) {
             const uint32_t y = y0 + r * dy;
             for (uint32_t c = 0; c < columns; ++c) {
-                const uint32_t x = x0 + c * dx;
-                storePixel(recipe, &recipe.pixels[(size_t(y) * recipe.width + x) * n],
-                           &current[size_t(c) * n]);
+                uint8_t* px = &current[size_t(c) * n];
+                memcpy(px, &stored[(size_t(y) * recipe.width + x0 + c * dx) * n], n);
+                if (swap)
+                    std::swap(px[0], px[2]);
             }
             const uint8_t* above = previous.empty() ? nullptr : previous.data();
-            int type = recipe.filter == -1 ? int(r % 5) : recipe.filter;
+            const int type = recipe.filter == -1 ? int(r % 5) : recipe.filter;
             Bytes filtered = current;
-            if (recipe.filter == -2) {
-                // The usual encoder heuristic: the filter with the smallest sum of
-                // absolute (signed) residuals.
-                long best = -1;
-                for (int t = 0; t <= 4; ++t) {
-                    Bytes candidate = current;
-                    filterRow(t, candidate.data(), above, candidate.size(), n);
-                    long sum = 0;
-                    for (uint8_t v : candidate)
-                        sum += v < 128 ? v : 256 - v;
-                    if (best < 0 || sum < best) {
-                        best = sum;
-                        type = t;
-                        filtered = candidate;
-                    }
-                }
-            } else {
-                filterRow(type, filtered.data(), above, filtered.size(), n);
-            }
+            filterRow(type, filtered.data(), above, filtered.size(), n);
             out.push_back(uint8_t(type));
             out.insert(out.end(), filtered.begin(), filtered.end());
             previous = current;
@@ -141,18 +128,21 @@ Bytes scanlines(const PngRecipe& recipe)
     return out;
 }
 
+Bytes compress(const Bytes& raw, bool crushed)
+{
+    libdeflate_compressor* c = libdeflate_alloc_compressor(6);
+    Bytes packed(libdeflate_zlib_compress_bound(c, raw.size()));
+    packed.resize(
+        crushed
+            ? libdeflate_deflate_compress(c, raw.data(), raw.size(), packed.data(), packed.size())
+            : libdeflate_zlib_compress(c, raw.data(), raw.size(), packed.data(), packed.size()));
+    libdeflate_free_compressor(c);
+    return packed;
+}
+
 Bytes buildPng(const PngRecipe& recipe)
 {
-    const Bytes raw = scanlines(recipe);
-    libdeflate_compressor* c = libdeflate_alloc_compressor(recipe.level);
-    Bytes packed(libdeflate_zlib_compress_bound(c, raw.size()));
-    const size_t size =
-        recipe.crushed
-            ? libdeflate_deflate_compress(c, raw.data(), raw.size(), packed.data(), packed.size())
-            : libdeflate_zlib_compress(c, raw.data(), raw.size(), packed.data(), packed.size());
-    libdeflate_free_compressor(c);
-    packed.resize(size);
-
+    const Bytes packed = compress(scanlines(recipe), recipe.crushed);
     Bytes file(kSignature, kSignature + 8);
     auto append = [&file](const Bytes& b) { file.insert(file.end(), b.begin(), b.end()); };
     if (recipe.crushed)

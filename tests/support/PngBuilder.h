@@ -19,11 +19,10 @@ struct PngRecipe
     bool interlaced = false;
     bool crushed = true;     // CgBI chunk, channel swap, premultiply, raw deflate
     bool premultiply = true; // crushed RGBA only
-    int filter = 0;          // filter of every row; -1: row y of each pass uses y % 5; -2: adaptive
+    int filter = 0;          // filter of every row; -1: row y of each pass uses y % 5
     Bytes pixels;            // straight samples, row-major, channels as the colour type has
     Bytes palette;           // PLTE data for colour type 3
     size_t idatSize = 0;     // split the compressed stream into IDAT chunks of this size (0: one)
-    int level = 6;
 };
 
 // Samples per pixel of an 8-bit colour type.
@@ -31,13 +30,17 @@ int channels(int colorType);
 // One chunk: length, type, data, CRC.
 Bytes chunk(const std::string& type, const Bytes& data);
 Bytes ihdr(uint32_t width, uint32_t height, int depth, int colorType, int interlace);
-// The scanlines (filter byte + filtered bytes, Adam7 passes one after the other) the
-// recipe's pixels give, as stored before compression.
-Bytes scanlines(const PngRecipe& recipe);
+// Raw deflate data when crushed, else a zlib stream.
+Bytes compress(const Bytes& raw, bool crushed);
 // The whole file.
 Bytes buildPng(const PngRecipe& recipe);
 // The value a crushed file stores for colour v under alpha a.
 uint8_t premultiplied(uint8_t v, uint8_t a);
+
+// The pixels a standard decoder shows once a crushed recipe is converted: the stored
+// colours (premultiplied unless the recipe says otherwise) demultiplied with rounding
+// when fixAlpha is set (visible pixels only), low 8 bits kept.
+Bytes convertedPixels(const PngRecipe& recipe, bool fixAlpha);
 
 // The Paeth predictor of the PNG row filters.
 int paeth(int a, int b, int c);

@@ -1,11 +1,5 @@
 #include "TestSupport.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QProcess>
-#include <QStandardPaths>
-
 namespace kavreltest {
 
 namespace {
@@ -41,35 +35,6 @@ QStringList LogCapture::lines() const
 {
     QMutexLocker guard(&mLock);
     return mLines;
-}
-
-bool LogCapture::hasLine(const QString& text) const
-{
-    return lines().contains(text);
-}
-
-bool LogCapture::contains(const QString& text) const
-{
-    return count(text) > 0;
-}
-
-int LogCapture::count(const QString& text) const
-{
-    int n = 0;
-    for (const QString& line : lines())
-        n += line.contains(text) ? 1 : 0;
-    return n;
-}
-
-void LogCapture::clear()
-{
-    QMutexLocker guard(&mLock);
-    mLines.clear();
-}
-
-QString LogCapture::dump() const
-{
-    return lines().join(QLatin1Char('\n'));
 }
 
 TempHome::TempHome()

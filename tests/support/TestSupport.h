@@ -1,13 +1,7 @@
 #pragma once
-// Helpers shared by the Qt Test programs.
+// Helpers shared by the Qt Test programs; including this brings QtTest and all of QtCore.
 
 #include <QGuiApplication>
-#include <QMutex>
-#include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
-#include <QTemporaryDir>
-#include <QtGlobal>
 #include <QtTest>
 
 #include <plist/plist.h>
@@ -28,14 +22,13 @@ public:
 
     QStringList lines() const;
     // True when some captured line equals text exactly.
-    bool hasLine(const QString& text) const;
+    bool hasLine(const QString& text) const { return lines().contains(text); }
     // True when some captured line contains text.
-    bool contains(const QString& text) const;
+    bool contains(const QString& text) const { return count(text) > 0; }
     // How many captured lines contain text.
-    int count(const QString& text) const;
-    void clear();
+    int count(const QString& text) const { return lines().filter(text).size(); }
     // Everything captured, one line per entry, for failure messages.
-    QString dump() const;
+    QString dump() const { return lines().join(QLatin1Char('\n')); }
 
 private:
     static void handler(QtMsgType type, const QMessageLogContext& context, const QString& msg);
@@ -52,7 +45,6 @@ class TempHome
 {
 public:
     TempHome();
-    QString path() const { return mDir.path(); }
     // The documents folder that QStandardPaths reports under the temporary home.
     static QString documentsPath();
 

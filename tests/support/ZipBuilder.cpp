@@ -1,8 +1,6 @@
 #include "ZipBuilder.h"
 
 #include <QFile>
-#include <cstdlib>
-#include <cstring>
 #include <zip.h>
 
 namespace kavreltest {
@@ -28,31 +26,20 @@ bool ZipBuilder::write(const QString& path, bool compress) const
         return false;
     for (const Entry& e : mEntries) {
         const QByteArray name = e.name.toUtf8();
-        zip_int64_t index;
-        if (e.dir) {
-            index = zip_dir_add(archive, name.constData(), ZIP_FL_ENC_UTF_8);
-        } else {
-            // libzip reads the data when the archive is closed; the copy below lives until then.
-            void* copy = malloc(e.bytes.size() ? e.bytes.size() : 1);
-            memcpy(copy, e.bytes.constData(), e.bytes.size());
-            zip_source_t* src = zip_source_buffer(archive, copy, e.bytes.size(), 1);
-            if (!src) {
-                free(copy);
-                zip_discard(archive);
-                return false;
-            }
-            index = zip_file_add(archive, name.constData(), src, ZIP_FL_ENC_UTF_8 | ZIP_FL_OVERWRITE);
-            if (index < 0) {
-                zip_source_free(src);
-                zip_discard(archive);
-                return false;
-            }
-            zip_set_file_compression(archive, index, compress ? ZIP_CM_DEFLATE : ZIP_CM_STORE, 0);
-        }
+        const zip_flags_t flags = ZIP_FL_ENC_UTF_8 | ZIP_FL_OVERWRITE;
+        // libzip reads the bytes when the archive is closed, below, while mEntries holds them.
+        zip_source_t* src =
+            e.dir ? nullptr : zip_source_buffer(archive, e.bytes.constData(), e.bytes.size(), 0);
+        const zip_int64_t index = e.dir ? zip_dir_add(archive, name.constData(), ZIP_FL_ENC_UTF_8)
+                                  : src ? zip_file_add(archive, name.constData(), src, flags)
+                                        : -1;
         if (index < 0) {
+            zip_source_free(src);
             zip_discard(archive);
             return false;
         }
+        if (!e.dir)
+            zip_set_file_compression(archive, index, compress ? ZIP_CM_DEFLATE : ZIP_CM_STORE, 0);
     }
     return zip_close(archive) == 0;
 }
