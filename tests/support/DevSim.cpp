@@ -137,10 +137,6 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
             *error = why;
         return false;
     };
-    if (isRunning())
-        return fail("already running");
-    if (!mDir.isValid())
-        return fail("no temporary folder");
     mSocketPath = mDir.filePath("usbmuxd.sock");
     QFile::remove(logPath());
 
@@ -213,22 +209,11 @@ QStringList DevSim::control(const QStringList& command, bool* ok) const
     return QString::fromUtf8(run.out + run.err).split('\n', Qt::SkipEmptyParts);
 }
 
-bool DevSim::attach(const QString& profile, QString* udid, QString* error)
-{
-    bool ok = false;
-    const QStringList lines = control({"attach", QFileInfo(profile).absoluteFilePath()}, &ok);
-    const QString last = lines.value(lines.size() - 1);
-    if (ok && udid)
-        *udid = last.mid(3).trimmed();
-    if (!ok && error)
-        *error = last;
-    return ok;
-}
-
 bool DevSim::attach(const DeviceProfile& profile)
 {
-    QString udid;
-    return attach(writeProfile(profile.json()), &udid) && udid == profile.udid();
+    bool ok = false;
+    const QStringList lines = control({"attach", writeProfile(profile.json())}, &ok);
+    return ok && lines.value(lines.size() - 1) == "OK " + profile.udid();
 }
 
 bool DevSim::detach(const QString& udid)

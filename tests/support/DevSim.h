@@ -85,7 +85,6 @@ public:
     QString tempDir() const { return mDir.path(); }
 
     // Hot-plug through the control socket.
-    bool attach(const QString& profile, QString* udid = nullptr, QString* error = nullptr);
     bool attach(const DeviceProfile& profile);
     bool detach(const QString& udid);
     // The udids attached now.
