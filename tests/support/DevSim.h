@@ -2,7 +2,6 @@
 // kavrel-devsim (the simulated usbmuxd and devices) for a test: the device profiles it
 // reads, the simulator itself, and small libimobiledevice clients that talk to it.
 
-#include <libimobiledevice/afc.h>
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
 #include <plist/plist.h>
@@ -10,7 +9,6 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QList>
-#include <QMap>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -41,11 +39,10 @@ public:
     DeviceProfile& value(const QString& domain, const QString& key, const QJsonValue& value);
     // The media library's totals; an empty object leaves iTunesPrefs.plist out.
     DeviceProfile& diskTotals(const QJsonObject& totals);
-    // A file in the media folder with the given text, a file of a given size, a folder,
-    // a symbolic link.
+    // A file in the media folder with the given text, a file of a given size, a symbolic
+    // link.
     DeviceProfile& textFile(const QString& path, const QString& text);
     DeviceProfile& sizedFile(const QString& path, qint64 size);
-    DeviceProfile& folder(const QString& path);
     DeviceProfile& symlink(const QString& path, const QString& target);
     // Lockdown refuses to start the service.
     DeviceProfile& failService(const QString& service);
@@ -78,19 +75,16 @@ public:
     bool start(const QStringList& profiles = {}, QString* error = nullptr,
                const QStringList& extraArguments = {});
     bool start(const QList<DeviceProfile>& profiles);
-    // Ends the simulator (every connection to it is cut) and restores the environment,
-    // so code run afterwards finds no usbmuxd.
+    // Ends the simulator (every connection to it is cut) and unsets the address, so code
+    // run afterwards finds no usbmuxd.
     void stop();
     bool isRunning() const { return mProcess.state() == QProcess::Running; }
 
     QString socketPath() const { return mSocketPath; }
     // A folder that lives as long as this object (profiles, scratch files).
     QString tempDir() const { return mDir.path(); }
-    // The udids attached at start, in profile order.
-    QStringList startedUdids() const { return mStartedUdids; }
 
     // Hot-plug through the control socket.
-    bool attach(const QString& profile, QString* udid = nullptr, QString* error = nullptr);
     bool attach(const DeviceProfile& profile);
     bool detach(const QString& udid);
     // The udids attached now.
@@ -105,15 +99,12 @@ public:
 
 private:
     // Sends one control command; the answer's lines (the last is "OK ..." or "ERROR ...").
-    QStringList control(const QString& command, bool* ok) const;
+    QStringList control(const QStringList& command, bool* ok) const;
     QString logPath() const { return mDir.filePath("devsim.log"); }
 
     QTemporaryDir mDir;
     QProcess mProcess;
     QString mSocketPath;
-    QStringList mStartedUdids;
-    QByteArray mPreviousAddress;
-    bool mHadPreviousAddress = false;
     bool mEnvironmentSet = false;
 };
 
@@ -127,33 +118,9 @@ public:
     Session& operator=(const Session&) = delete;
 
     bool ok() const { return lockdown != nullptr; }
-    // Starts a service; null on failure. The caller frees the descriptor.
-    lockdownd_service_descriptor_t start(const char* service);
-    // An AFC client on the service; null on failure. The caller frees it.
-    afc_client_t afc(const char* service = "com.apple.afc");
 
     idevice_t device = nullptr;
     lockdownd_client_t lockdown = nullptr;
-    lockdownd_error_t error = LOCKDOWN_E_UNKNOWN_ERROR;
 };
-
-struct AfcFree
-{
-    void operator()(afc_client_private* client) const { afc_client_free(client); }
-};
-using Afc = std::unique_ptr<afc_client_private, AfcFree>;
-
-// A whole file read in pieces of chunk bytes; empty when it cannot be opened.
-QByteArray readAfcFile(afc_client_t afc, const QString& path, uint32_t chunk = 65536);
-// Writes the bytes in pieces of chunk bytes; false unless every write was taken whole.
-bool writeAfcFile(afc_client_t afc, const QString& path, const QByteArray& bytes,
-                  int chunk = 1 << 20);
-// The file-info pairs of a path.
-QMap<QString, QString> afcFileInfo(afc_client_t afc, const QString& path, afc_error_t* error);
-
-// Values of a property-list dictionary: a string (empty unless one), an unsigned number
-// (fallback unless one).
-QString stringOf(plist_t dict, const char* key);
-quint64 uintOf(plist_t dict, const char* key, quint64 fallback = ~0ull);
 
 } // namespace kavreltest
