@@ -1,5 +1,5 @@
-// kavrel-devsim under hostile use: malformed usbmuxd input gets an error answer or a closed
-// connection, never a crash.
+// kavrel-devsim under hostile use: malformed usbmuxd, lockdown and service input gets an
+// error answer or a closed connection, never a crash.
 
 #include "DevSim.h"
 #include "TestSupport.h"
@@ -90,6 +90,19 @@ public:
         read(1 << 20);
         return mClosed;
     }
+    bool closed() const { return mClosed; }
+    // One lockdown or service message (32-bit big-endian length, then a property list);
+    // null when none comes in time.
+    plist_t message(int timeoutMs)
+    {
+        const QByteArray length = read(4, timeoutMs);
+        if (length.size() < 4)
+            return nullptr;
+        const QByteArray body = read(int(qFromBigEndian<quint32>(length.constData())));
+        plist_t dict = nullptr;
+        plist_from_memory(body.constData(), uint32_t(body.size()), &dict);
+        return dict;
+    }
     // One usbmuxd answer: the Result number, or -1 for a plist without one, -2 for none.
     qint64 muxResult()
     {
@@ -113,6 +126,22 @@ private:
     bool mClosed = false;
 };
 
+// A lockdown or service message around body.
+QByteArray framed(const QByteArray& body)
+{
+    const quint32 n = qToBigEndian(quint32(body.size()));
+    return QByteArray(reinterpret_cast<const char*>(&n), 4) + body;
+}
+
+QByteArray request(const char* key, const char* name, const char* service = nullptr)
+{
+    plist_t dict = plist_new_dict();
+    plist_dict_set_item(dict, key, plist_new_string(name));
+    if (service)
+        plist_dict_set_item(dict, "Service", plist_new_string(service));
+    return framed(plistBytes(dict, false));
+}
+
 } // namespace
 
 class TestDevsimRobust : public QObject
@@ -123,6 +152,8 @@ private slots:
     void cleanup();
     void malformedUsbmuxInput_data();
     void malformedUsbmuxInput();
+    void malformedServiceInput_data();
+    void malformedServiceInput();
 
 private:
     DevSim mSim;
@@ -181,6 +212,76 @@ void TestDevsimRobust::malformedUsbmuxInput()
         QVERIFY(client.send(muxRequest("ReadBUID")));
         QCOMPARE(client.muxResult(), qint64(-1));
     }
+}
+
+void TestDevsimRobust::malformedServiceInput_data()
+{
+    QTest::addColumn<QString>("service"); // "lockdown" or the service started for the test
+    QTest::addColumn<QByteArray>("bytes");
+    // "Key=Value" of the answer, "<closed>" when the service hangs up, "<silent>" when it
+    // waits for the rest
+    QTest::addColumn<QString>("expected");
+    const QByteArray notPlist = framed("this is no property list");
+    const QByteArray huge = QByteArray("\x7f\xff\xff\xff") + "abc";
+    const char* ld = "lockdown";
+    QTest::newRow("lockdown: huge length") << ld << QByteArray("\xff\xff\xff\xff", 4) << "<closed>";
+    QTest::newRow("lockdown: truncated")
+        << ld << framed(QByteArray(100, 'x')).left(30) << "<silent>";
+    QTest::newRow("lockdown: not a plist") << ld << notPlist << "Error=InvalidRequest";
+    QTest::newRow("lockdown: service without session")
+        << ld << request("Request", "StartService", "com.apple.afc") << "Error=SessionInactive";
+    const char* ip = "com.apple.mobile.installation_proxy";
+    QTest::newRow("instproxy: unknown command")
+        << ip << request("Command", "Explode") << "Error=UnknownCommand";
+    QTest::newRow("instproxy: oversized") << ip << huge << "<closed>";
+    QTest::newRow("house_arrest: no identifier")
+        << "com.apple.mobile.house_arrest" << request("Command", "VendContainer")
+        << "Error=MissingIdentifier";
+    QTest::newRow("springboard: unknown command")
+        << "com.apple.springboardservices" << request("command", "explode")
+        << "Error=UnknownCommand";
+    QTest::newRow("notification_proxy: junk, then shutdown")
+        << "com.apple.mobile.notification_proxy"
+        << notPlist + framed(plistBytes(plist_new_array(), false)) + request("Command", "Explode") +
+               request("Command", "Shutdown")
+        << "Command=ProxyDeath";
+}
+
+void TestDevsimRobust::malformedServiceInput()
+{
+    QFETCH(QString, service);
+    QFETCH(QByteArray, bytes);
+    QFETCH(QString, expected);
+    Session session(kPhone);
+    uint32_t deviceId = 0;
+    QVERIFY(session.ok() && idevice_get_handle(session.device, &deviceId) == IDEVICE_E_SUCCESS);
+    quint16 port = 62078;
+    if (service != "lockdown") {
+        lockdownd_service_descriptor_t descriptor = nullptr;
+        QCOMPARE(lockdownd_start_service(session.lockdown, qPrintable(service), &descriptor),
+                 LOCKDOWN_E_SUCCESS);
+        port = descriptor->port;
+        lockdownd_service_descriptor_free(descriptor);
+    }
+    RawClient client(mSim.socketPath());
+    QVERIFY(client.send(muxRequest("Connect", deviceId, port)) && client.muxResult() == 0);
+    QVERIFY(client.send(bytes));
+    if (expected == "<closed>") {
+        QVERIFY(client.closedByPeer());
+        return;
+    }
+    plist_t answer = client.message(expected == "<silent>" ? 1000 : 5000);
+    if (expected == "<silent>") {
+        QVERIFY(!answer && !client.closed());
+        return;
+    }
+    QVERIFY(answer);
+    char* text = nullptr;
+    if (plist_t node = plist_dict_get_item(answer, qPrintable(expected.section('=', 0, 0))))
+        plist_get_string_val(node, &text);
+    QCOMPARE(QString::fromUtf8(text), expected.section('=', 1));
+    free(text);
+    plist_free(answer);
 }
 
 KAVREL_TEST_MAIN(TestDevsimRobust)

@@ -88,6 +88,14 @@ static void filterRow(int type, uint8_t* row, const uint8_t* prev, size_t length
     }
 }
 
+static long residuals(const Bytes& row)
+{
+    long sum = 0;
+    for (uint8_t v : row)
+        sum += v < 128 ? v : 256 - v;
+    return sum;
+}
+
 // The scanlines (filter byte + filtered bytes, Adam7 passes one after the other) the
 // recipe's pixels give, as stored before compression.
 static Bytes scanlines(const PngRecipe& recipe)
@@ -117,9 +125,19 @@ static Bytes scanlines(const PngRecipe& recipe)
                     std::swap(px[0], px[2]);
             }
             const uint8_t* above = previous.empty() ? nullptr : previous.data();
-            const int type = recipe.filter == -1 ? int(r % 5) : recipe.filter;
+            int type = recipe.filter == -1 ? int(r % 5) : recipe.filter;
             Bytes filtered = current;
-            filterRow(type, filtered.data(), above, filtered.size(), n);
+            // Adaptive, as the usual encoders choose: the smallest sum of absolute residuals.
+            for (int t = 0; recipe.filter == -2 && t <= 4; ++t) {
+                Bytes candidate = current;
+                filterRow(t, candidate.data(), above, candidate.size(), n);
+                if (t == 0 || residuals(candidate) < residuals(filtered)) {
+                    type = t;
+                    filtered = candidate;
+                }
+            }
+            if (recipe.filter != -2)
+                filterRow(type, filtered.data(), above, filtered.size(), n);
             out.push_back(uint8_t(type));
             out.insert(out.end(), filtered.begin(), filtered.end());
             previous = current;
@@ -128,9 +146,9 @@ static Bytes scanlines(const PngRecipe& recipe)
     return out;
 }
 
-Bytes compress(const Bytes& raw, bool crushed)
+Bytes compress(const Bytes& raw, bool crushed, int level)
 {
-    libdeflate_compressor* c = libdeflate_alloc_compressor(6);
+    libdeflate_compressor* c = libdeflate_alloc_compressor(level);
     Bytes packed(libdeflate_zlib_compress_bound(c, raw.size()));
     packed.resize(
         crushed
@@ -142,7 +160,7 @@ Bytes compress(const Bytes& raw, bool crushed)
 
 Bytes buildPng(const PngRecipe& recipe)
 {
-    const Bytes packed = compress(scanlines(recipe), recipe.crushed);
+    const Bytes packed = compress(scanlines(recipe), recipe.crushed, recipe.level);
     Bytes file(kSignature, kSignature + 8);
     auto append = [&file](const Bytes& b) { file.insert(file.end(), b.begin(), b.end()); };
     if (recipe.crushed)

@@ -19,10 +19,11 @@ struct PngRecipe
     bool interlaced = false;
     bool crushed = true;     // CgBI chunk, channel swap, premultiply, raw deflate
     bool premultiply = true; // crushed RGBA only
-    int filter = 0;          // filter of every row; -1: row y of each pass uses y % 5
+    int filter = 0;          // filter of every row; -1: row y of each pass uses y % 5; -2: adaptive
     Bytes pixels;            // straight samples, row-major, channels as the colour type has
     Bytes palette;           // PLTE data for colour type 3
     size_t idatSize = 0;     // split the compressed stream into IDAT chunks of this size (0: one)
+    int level = 6;           // compression level (the benchmark's icons use 9)
 };
 
 // Samples per pixel of an 8-bit colour type.
@@ -31,7 +32,7 @@ int channels(int colorType);
 Bytes chunk(const std::string& type, const Bytes& data);
 Bytes ihdr(uint32_t width, uint32_t height, int depth, int colorType, int interlace);
 // Raw deflate data when crushed, else a zlib stream.
-Bytes compress(const Bytes& raw, bool crushed);
+Bytes compress(const Bytes& raw, bool crushed, int level = 6);
 // The whole file.
 Bytes buildPng(const PngRecipe& recipe);
 // The value a crushed file stores for colour v under alpha a.
