@@ -182,12 +182,12 @@ private slots:
         QTest::addColumn<QJsonObject>("faults");
         QTest::addColumn<QStringList>("expected");
         const QString removing = "Uninstall:RemovingApplication:com.kavrel.a:50:1:1";
-        QTest::newRow("removed") << QJsonObject{{"statusDelayMs", 300}}
+        QTest::newRow("removed") << QJsonObject{{"statusDelayMs", 1000}}
                                  << QStringList{removing,
                                                 "Uninstall:GeneratingApplicationMap:"
                                                 "com.kavrel.a:90:1:1",
                                                 "Uninstall:Complete:com.kavrel.a:100:1:1"};
-        QTest::newRow("refused") << QJsonObject{{"statusDelayMs", 300},
+        QTest::newRow("refused") << QJsonObject{{"statusDelayMs", 1000},
                                                 {"uninstallError", "APIInternalError"}}
                                  << QStringList{removing,
                                                 "Uninstall:APIInternalError:com.kavrel.a:100:0:1"};

@@ -14,9 +14,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -45,6 +48,60 @@ QByteArray gErrorMessage;
 // manager's thread once the job has finished.
 QMutex gFailureLineLock;
 QString gLastFailureLine;
+
+// libimobiledevice runs an asynchronous command's status loop on a thread of its own and,
+// when the command ends by itself, forgets that thread without joining or detaching it:
+// each install, upgrade, uninstall or archive would keep a thread stack mapped for good.
+// A status thread that has seen its command's last status therefore detaches itself as it
+// exits, and the session waits for that exit before freeing the client, which then has
+// no thread left to join. A status thread that is still waiting (the device fell silent)
+// is joined by the client's free as usual.
+class StatusThreadExit
+{
+public:
+    ~StatusThreadExit()
+    {
+        if (mLastStatusSeen)
+            pthread_detach(pthread_self());
+        std::lock_guard<std::mutex> guard(sLock);
+        --sRunning;
+        sExited.notify_all();
+    }
+    // On a status thread: notes that it runs and whether this status ends its command
+    // (an error, no status name, or "Complete", as the device library decides).
+    static void note(plist_t status)
+    {
+        thread_local StatusThreadExit self;
+        plist_t name = status ? plist_dict_get_item(status, "Status") : nullptr;
+        char* text = nullptr;
+        if (name && plist_get_node_type(name) == PLIST_STRING)
+            plist_get_string_val(name, &text);
+        if (!status || plist_dict_get_item(status, "Error") || !text ||
+            strcmp(text, "Complete") == 0)
+            self.mLastStatusSeen = true;
+        free(text);
+    }
+    // Waits a little for the status threads that saw their last status to be gone.
+    static void awaitExits()
+    {
+        std::unique_lock<std::mutex> guard(sLock);
+        sExited.wait_for(guard, std::chrono::seconds(2), [] { return sRunning == 0; });
+    }
+
+private:
+    StatusThreadExit()
+    {
+        std::lock_guard<std::mutex> guard(sLock);
+        ++sRunning;
+    }
+    bool mLastStatusSeen = false;
+    static std::mutex sLock;
+    static std::condition_variable sExited;
+    static int sRunning;
+};
+std::mutex StatusThreadExit::sLock;
+std::condition_variable StatusThreadExit::sExited;
+int StatusThreadExit::sRunning = 0;
 
 const char* const kStagingDir = "PublicStaging";
 const char* const kArchivesDir = "ApplicationArchives";
@@ -282,6 +339,7 @@ void DeviceInstaller::notifyCallback(const char* notification, void* userData)
 
 void DeviceInstaller::statusCallback(plist_t command, plist_t status, void* installer)
 {
+    StatusThreadExit::note(status);
     auto* self = static_cast<DeviceInstaller*>(installer);
     const QString appid = currentAppId();
     const QString operation =
@@ -349,6 +407,8 @@ void DeviceInstaller::cleanUp()
         mNpClient = nullptr;
     }
     if (mInstproxyClient) {
+        if (gCommandCompleted || gErrorOccurred)
+            StatusThreadExit::awaitExits();
         instproxy_client_free(mInstproxyClient);
         mInstproxyClient = nullptr;
     }
