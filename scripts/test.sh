@@ -19,7 +19,11 @@ while [ $# -gt 0 ]; do
   shift
 done
 
-bash "$root/scripts/setup.sh"
+if [ "$tsan" = 1 ]; then
+  bash "$root/scripts/setup.sh" --tsan
+else
+  bash "$root/scripts/setup.sh"
+fi
 
 run_suite() {
   local dir=$1; shift
