@@ -6,8 +6,6 @@
 #include "Utility.h"
 
 #include <QDebug>
-#include <QMutex>
-#include <QMutexLocker>
 #include <QTextCodec>
 #include <QVariantMap>
 
@@ -17,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <sys/stat.h>
 #include <thread>
 
@@ -35,15 +34,16 @@ std::atomic<int> gWaitForCommand{0};
 std::atomic<bool> gFinalStage{false};
 std::atomic<bool> gIsUpgrade{false};
 
-// Texts shared with the callback threads; a null array means "none".
-QMutex gTextLock;
+// Texts shared with the callback threads; a null array means "none". Guarded by standard
+// mutexes, which ThreadSanitizer follows (Qt's are invisible to it).
+std::mutex gTextLock;
 QByteArray gLastStatus;
 QByteArray gAppId;
 QByteArray gErrorMessage;
 
 // The stored failure line is written on the installer's pool thread and read by the
 // manager's thread once the job has finished.
-QMutex gFailureLineLock;
+std::mutex gFailureLineLock;
 QString gLastFailureLine;
 
 const char* const kStagingDir = "PublicStaging";
@@ -53,13 +53,13 @@ const int kPathBuffer = 1024;
 
 QByteArray readText(const QByteArray& text)
 {
-    QMutexLocker guard(&gTextLock);
+    std::lock_guard<std::mutex> guard(gTextLock);
     return text;
 }
 
 void writeText(QByteArray& text, const QByteArray& value)
 {
-    QMutexLocker guard(&gTextLock);
+    std::lock_guard<std::mutex> guard(gTextLock);
     text = value;
 }
 
@@ -156,13 +156,13 @@ DeviceInstaller::~DeviceInstaller()
 
 QString DeviceInstaller::lastFailureLine()
 {
-    QMutexLocker guard(&gFailureLineLock);
+    std::lock_guard<std::mutex> guard(gFailureLineLock);
     return gLastFailureLine;
 }
 
 void DeviceInstaller::storeFailureLine(const QString& line)
 {
-    QMutexLocker guard(&gFailureLineLock);
+    std::lock_guard<std::mutex> guard(gFailureLineLock);
     gLastFailureLine = line;
 }
 
@@ -207,7 +207,7 @@ bool DeviceInstaller::prepare()
 void DeviceInstaller::resetOperationState()
 {
     {
-        QMutexLocker guard(&gTextLock);
+        std::lock_guard<std::mutex> guard(gTextLock);
         gLastStatus = QByteArray();
         gAppId = QByteArray();
         gErrorMessage = QByteArray();
@@ -363,7 +363,7 @@ void DeviceInstaller::cleanUp()
     mLocalPath = nullptr;
     delete mOperation;
     mOperation = nullptr;
-    QMutexLocker guard(&gTextLock);
+    std::lock_guard<std::mutex> guard(gTextLock);
     gAppId = QByteArray();
     gLastStatus = QByteArray();
     gErrorMessage = QByteArray();
