@@ -2,7 +2,6 @@
 // Helpers shared by the Qt Test programs.
 
 #include <QGuiApplication>
-#include <QMutex>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
@@ -11,6 +10,8 @@
 #include <QtTest>
 
 #include <plist/plist.h>
+
+#include <mutex>
 
 namespace kavreltest {
 
@@ -39,7 +40,7 @@ public:
 
 private:
     static void handler(QtMsgType type, const QMessageLogContext& context, const QString& msg);
-    mutable QMutex mLock;
+    mutable std::mutex mLock;
     QStringList mLines;
     QtMessageHandler mPrevious = nullptr;
     LogCapture* mOuter = nullptr;
