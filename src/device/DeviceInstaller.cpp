@@ -40,6 +40,10 @@ std::mutex gTextLock;
 QByteArray gLastStatus;
 QByteArray gAppId;
 QByteArray gErrorMessage;
+// The installer that prepared last: the texts are its own. A session deleted after the
+// next operation has started (its worker returned after the final line) leaves them
+// alone instead of clearing the running operation's app id.
+const void* gTextOwner = nullptr;
 
 // The stored failure line is written on the installer's pool thread and read by the
 // manager's thread once the job has finished.
@@ -169,6 +173,10 @@ void DeviceInstaller::storeFailureLine(const QString& line)
 bool DeviceInstaller::prepare()
 {
     qDebug() << "DeviceInstaller::prepare";
+    {
+        std::lock_guard<std::mutex> guard(gTextLock);
+        gTextOwner = this;
+    }
     if (!isInited()) {
         qDebug() << "Error, not inited yet.";
         return end(KInstInitError);
@@ -364,6 +372,9 @@ void DeviceInstaller::cleanUp()
     delete mOperation;
     mOperation = nullptr;
     std::lock_guard<std::mutex> guard(gTextLock);
+    if (gTextOwner != this)
+        return;
+    gTextOwner = nullptr;
     gAppId = QByteArray();
     gLastStatus = QByteArray();
     gErrorMessage = QByteArray();
