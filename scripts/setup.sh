@@ -2,10 +2,13 @@
 # Installs every Debian package that building, testing and benchmarking kavrel needs.
 # Safe to run again: packages already present are left alone and apt is only
 # consulted when something is missing.
+#   scripts/setup.sh          what the plain and AddressSanitizer builds need
+#   scripts/setup.sh --tsan   that plus clang and its sanitizer runtimes (ThreadSanitizer
+#                             and libFuzzer builds)
 set -euo pipefail
 
 PACKAGES=(
-  build-essential cmake pkg-config clang libclang-rt-14-dev clang-format
+  build-essential cmake pkg-config clang-format
   qtbase5-dev libqt5sql5-sqlite
   # kavrel-desk: Qt Widgets come with qtbase5-dev; a font so text renders offscreen.
   libqt5widgets5 fonts-dejavu-core
@@ -16,6 +19,7 @@ PACKAGES=(
 )
 # The machine's Node.js may come with its own npm; Debian's npm conflicts with it.
 command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
+[ "${1:-}" = "--tsan" ] && PACKAGES+=(clang libclang-rt-14-dev)
 
 missing=()
 for p in "${PACKAGES[@]}"; do

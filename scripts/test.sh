@@ -19,7 +19,11 @@ while [ $# -gt 0 ]; do
   shift
 done
 
-bash "$root/scripts/setup.sh"
+if [ "$tsan" = 1 ]; then
+  bash "$root/scripts/setup.sh" --tsan
+else
+  bash "$root/scripts/setup.sh"
+fi
 
 run_suite() {
   local dir=$1; shift
@@ -36,7 +40,19 @@ fi
 if [ "$tsan" = 1 ]; then
   echo "== ThreadSanitizer build"
   # Qt and the device libraries are not instrumented: their own accesses are not
-  # tracked, so only the library's and the tests' code is checked.
-  export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ignore_noninstrumented_modules=1"
-  CC=clang CXX=clang++ run_suite "$root/build-tsan" -DKAVREL_TSAN=ON -DKAVREL_BUILD_BENCH=OFF
+  # tracked, so only the library's, the tools' and the tests' code is checked. The
+  # tests' TSAN_OPTIONS (tests/CMakeLists.txt) write every report, from the test
+  # programs and from the simulator and command-line tool they start, to tsan-reports/.
+  reports="$root/build-tsan/tsan-reports"
+  rm -rf "$reports" && mkdir -p "$reports"
+  status=0
+  CC=clang CXX=clang++ run_suite "$root/build-tsan" -DKAVREL_TSAN=ON -DKAVREL_BUILD_BENCH=OFF ||
+    status=$?
+  if [ -n "$(ls -A "$reports")" ]; then
+    cat "$reports"/*
+    echo "ThreadSanitizer reports: $(grep -c '^WARNING: ThreadSanitizer' "$reports"/* | paste -sd' ')"
+    exit 1
+  fi
+  echo "ThreadSanitizer reports: none"
+  exit "$status"
 fi

@@ -7,10 +7,9 @@
 #include "DeviceListener.h"
 #include "TestSupport.h"
 
-#include <QMutex>
-
 #include <cstdlib>
 #include <libimobiledevice/afc.h>
+#include <mutex>
 
 using namespace kavreltest;
 
@@ -63,17 +62,17 @@ public:
     }
     QStringList events() const
     {
-        QMutexLocker lock(&mLock);
+        std::lock_guard<std::mutex> lock(mLock);
         return mEvents;
     }
 
 private:
     void record(const QString& kind, const char* udid)
     {
-        QMutexLocker lock(&mLock);
+        std::lock_guard<std::mutex> lock(mLock);
         mEvents << kind + QString::fromLatin1(udid);
     }
-    mutable QMutex mLock;
+    mutable std::mutex mLock;
     QStringList mEvents;
 };
 

@@ -4,14 +4,13 @@
 #include "Utility.h"
 
 #include <QDebug>
-#include <QMutex>
-#include <QMutexLocker>
-#include <QRecursiveMutex>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QSqlRecord>
 #include <QVariantList>
 #include <QVariantMap>
+
+#include <mutex>
 
 DBManager* DBManager::mInstance = nullptr;
 
@@ -27,10 +26,11 @@ const QString kColumnRunnings = QStringLiteral("runnings");
 // Qt hands the default connection only to the thread that created it and a connection
 // must not be used by two threads at once, so the catalog keeps its own handle to the
 // connection and every operation runs under one lock. Compound operations (look up,
-// then insert or update) hold it throughout, so they stay whole.
-QRecursiveMutex& catalogLock()
+// then insert or update) hold it throughout, so they stay whole. The standard mutexes are
+// used because ThreadSanitizer follows them (Qt's own are invisible to it).
+std::recursive_mutex& catalogLock()
 {
-    static QRecursiveMutex lock;
+    static std::recursive_mutex lock;
     return lock;
 }
 
@@ -124,8 +124,8 @@ DBManager* DBManager::instance(QObject* parent)
     DBManager* existing = __atomic_load_n(&mInstance, __ATOMIC_ACQUIRE);
     if (existing)
         return existing;
-    static QMutex creationLock;
-    QMutexLocker locker(&creationLock);
+    static std::mutex creationLock;
+    std::lock_guard<std::mutex> locker(creationLock);
     if (!mInstance)
         __atomic_store_n(&mInstance, new DBManager(parent), __ATOMIC_RELEASE);
     return mInstance;
@@ -139,7 +139,7 @@ DBManager::DBManager(QObject* parent) : QObject(parent)
 
 bool DBManager::createDBConnection()
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"));
     db.setDatabaseName(Utility::dataPath() + QStringLiteral("norvahelper.db"));
     if (!gCatalogDb)
@@ -155,7 +155,7 @@ bool DBManager::createDBConnection()
 
 bool DBManager::initDB()
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     if (!createDBConnection()) {
         qDebug() << "Failed to createDBConnection.";
         return false;
@@ -190,7 +190,7 @@ bool DBManager::initDB()
 
 bool DBManager::execQuery(const QString& sql)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     QSqlQuery query = newQuery();
     if (!query.exec(sql)) {
         qDebug() << "Error: failed to exec query: " << sql;
@@ -201,13 +201,13 @@ bool DBManager::execQuery(const QString& sql)
 
 bool DBManager::appExists(const QString& appid)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     return runYieldsRow(format("SELECT appid from %1 WHERE  appid='%2'", kTableAppInfo, appid));
 }
 
 bool DBManager::saveAppinfo(IpaParser::IpaInfo* info)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "DBManager::saveAppinfo";
     if (appExists(info->mAppId))
         updateAppInfo(info);
@@ -218,7 +218,7 @@ bool DBManager::saveAppinfo(IpaParser::IpaInfo* info)
 
 void DBManager::insertAppInfo(IpaParser::IpaInfo* info)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "insertAppInfo for appid: " << info->mAppId;
     QSqlQuery query = newQuery();
     query.prepare(
@@ -250,7 +250,7 @@ void DBManager::insertAppInfo(IpaParser::IpaInfo* info)
 
 void DBManager::updateAppInfo(IpaParser::IpaInfo* info)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "updateAppInfo for appid: " << info->mAppId;
     Statement clause = format("apptype='%1',", info->mAppType);
     clause += format("%1='%2',", QStringLiteral("appname"), info->mAppName);
@@ -280,7 +280,7 @@ void DBManager::updateAppInfo(IpaParser::IpaInfo* info)
 
 bool DBManager::getAppById(const QString& appid, IpaParser::IpaInfo* info)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "DBManager::getAppById, appid: " << appid;
     QSqlQuery query = newQuery();
     if (!run(query, format("SELECT * from %1 WHERE appid='%2'", kTableAppInfo, appid)) ||
@@ -307,7 +307,7 @@ bool DBManager::getAppById(const QString& appid, IpaParser::IpaInfo* info)
 void DBManager::removeAppById(const QString& appid, bool clearInDevice, bool clearInLocal,
                               bool clearFromDownload)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "DBManager::removeAppById, appid: " << appid;
     // One flag per call, the first requested one.
     Statement clause;
@@ -328,7 +328,7 @@ void DBManager::removeAppById(const QString& appid, bool clearInDevice, bool cle
 
 void DBManager::saveAppIcon(const QString& appid, const QByteArray& data)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     if (ifIconExistsByAppid(appid)) {
         qDebug() << "icon already exists in db for appid: " << appid;
         return;
@@ -357,14 +357,14 @@ void DBManager::saveAppIcon(const QString& appid, const QByteArray& data)
 
 bool DBManager::ifIconExistsByAppid(const QString& appid)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     return runYieldsRow(
         format("SELECT * FROM %1 WHERE appid='%2' and length(icondata) > 0", kTableAppInfo, appid));
 }
 
 QByteArray DBManager::getIconByAppid(const QString& appid)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     QByteArray icon;
     QSqlQuery query = newQuery();
     if (run(query, format("SELECT icondata FROM %1 WHERE appid='%2'", kTableAppInfo, appid)) &&
@@ -375,7 +375,7 @@ QByteArray DBManager::getIconByAppid(const QString& appid)
 
 QString DBManager::getAppsAsJson(int queryType)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "DBManager::getAppsAsJson, queryType: " << queryType;
     QSqlQuery query = newQuery();
     // NULL names are left out too: a comparison with NULL is never true.
@@ -420,7 +420,7 @@ QString DBManager::getAppsAsJson(int queryType)
 
 void DBManager::drop()
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "DBManager::drop";
     if (gCatalogDb)
         gCatalogDb->close();
@@ -428,7 +428,7 @@ void DBManager::drop()
 
 void DBManager::debugTable()
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "DBManager::debugTable";
     QSqlQuery query = newQuery();
     run(query, format("SELECT * FROM %1", kTableAppInfo));
@@ -460,13 +460,13 @@ void DBManager::debugTable()
 
 bool DBManager::settingExists()
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     return runYieldsRow(format("select * from %1 where pcversion <> ''", kTableSetting));
 }
 
 void DBManager::saveSetting(SettingInfo* info)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "DBManager::saveSetting";
     QSqlQuery query = newQuery();
     if (!query.prepare(QStringLiteral("insert into %1 (pcversion, downloaddir, "
@@ -488,14 +488,14 @@ void DBManager::saveSetting(SettingInfo* info)
 
 void DBManager::setDefaultSettingIfNotExists(SettingInfo* info)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     if (!runYieldsRow(format("select * from %1 where pcversion <> ''", kTableSetting)))
         saveSetting(info);
 }
 
 void DBManager::updateSetting(SettingInfo* info)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "DBManager::updateSetting";
     Statement values = format("pcversion='%1',", info->mVersion);
     values += format("downloaddir='%1',", info->mDownloadDir);
@@ -512,7 +512,7 @@ void DBManager::updateSetting(SettingInfo* info)
 
 bool DBManager::deserialize(SettingInfo* info)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     qDebug() << "DBManager::deserialize";
     if (!info) {
         qDebug() << "info couldn't be empty.";
@@ -535,7 +535,7 @@ bool DBManager::deserialize(SettingInfo* info)
 
 void DBManager::saveDownloading(const QString& text)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     if (runYieldsRow(format("select * from %1", kTableUtils))) {
         QSqlQuery update = newQuery();
         if (!run(update, format("update %1 set %2='%3'", kTableUtils, kColumnDownloadings, text)))
@@ -552,7 +552,7 @@ void DBManager::saveDownloading(const QString& text)
 
 bool DBManager::getDownloading(QString& text)
 {
-    QMutexLocker locker(&catalogLock());
+    std::lock_guard<std::recursive_mutex> locker(catalogLock());
     QSqlQuery query = newQuery();
     if (!run(query, format("select * from %1 where %2 <> ''", kTableUtils, kColumnDownloadings)) ||
         !query.next())

@@ -2,6 +2,7 @@
 
 #include "DBManager.h"
 #include "DeviceAppIcon.h"
+#include "ThreadHandOff.h"
 #include "Utility.h"
 
 #include <QDebug>
@@ -19,6 +20,7 @@ DeviceAppIconParallel::DeviceAppIconParallel(QObject* parent, const QString& udi
 {
     connect(&mWatcher, &QFutureWatcher<bool>::finished, this,
             &DeviceAppIconParallel::slotAppIconsReady);
+    ThreadHandOff::publish(this);
     mWatcher.setFuture(QtConcurrent::run(QThreadPool::globalInstance(),
                                          &DeviceAppIconParallel::getAppIcons, udid, appIds,
                                          static_cast<void*>(this)));
@@ -53,6 +55,7 @@ static DeviceAppIcon* openIconSession(const QString& udid)
 
 bool DeviceAppIconParallel::getAppIcons(const QString& udid, const QStringList& appIds, void* job)
 {
+    ThreadHandOff::receive(job);
     qDebug() << "deviceappiconparallel::getAppIcons";
     auto* self = static_cast<DeviceAppIconParallel*>(job);
     DeviceAppIcon* session = openIconSession(udid);

@@ -1,6 +1,7 @@
 #include "DeviceAppListParallel.h"
 
 #include "DeviceInstaller.h"
+#include "ThreadHandOff.h"
 
 #include <QDebug>
 #include <QThreadPool>
@@ -12,6 +13,7 @@ DeviceAppListParallel::DeviceAppListParallel(QObject* parent, const QString& udi
 {
     connect(&mWatcher, &QFutureWatcher<QStringList>::finished, this,
             &DeviceAppListParallel::slotDataReady);
+    ThreadHandOff::publish(&staticMetaObject);
     mWatcher.setFuture(QtConcurrent::run(QThreadPool::globalInstance(),
                                          &DeviceAppListParallel::getAppList, udid, appType,
                                          listFormat));
@@ -19,6 +21,7 @@ DeviceAppListParallel::DeviceAppListParallel(QObject* parent, const QString& udi
 
 QStringList DeviceAppListParallel::getAppList(const QString& udid, int appType, int listFormat)
 {
+    ThreadHandOff::receive(&staticMetaObject);
     DeviceInstaller installer(nullptr, udid);
     QString list;
     QStringList appIds;

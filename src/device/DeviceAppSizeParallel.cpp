@@ -2,6 +2,7 @@
 
 #include "DBManager.h"
 #include "DeviceAppSize.h"
+#include "ThreadHandOff.h"
 #include "Utility.h"
 
 #include <QDebug>
@@ -20,6 +21,7 @@ DeviceAppSizeParallel::DeviceAppSizeParallel(QObject* parent, const QString& udi
     Q_UNUSED(parent);
     connect(&mWatcher, &QFutureWatcher<void>::finished, this,
             &DeviceAppSizeParallel::slotAppSizeDone);
+    ThreadHandOff::publish(this);
     mWatcher.setFuture(QtConcurrent::run(QThreadPool::globalInstance(),
                                          &DeviceAppSizeParallel::getAppSizes, udid, appIds,
                                          static_cast<void*>(this)));
@@ -55,6 +57,7 @@ static DeviceAppSize* openSizeSession(const QString& udid)
 
 void DeviceAppSizeParallel::getAppSizes(const QString& udid, const QStringList& appIds, void* job)
 {
+    ThreadHandOff::receive(job);
     qDebug() << "DeviceAppSizeParallel::getAppSizes... ";
     auto* self = static_cast<DeviceAppSizeParallel*>(job);
     // Not reset between apps: a part that fails to measure keeps the previous app's

@@ -1,6 +1,7 @@
 #include "DeviceInfoParallel.h"
 
 #include "DeviceInfo.h"
+#include "ThreadHandOff.h"
 
 #include <QDebug>
 #include <QThreadPool>
@@ -12,6 +13,7 @@ DeviceInfoParallel::DeviceInfoParallel(QObject* parent, const QString& udid)
     // Connect before the future is set: a worker that is already done still reports.
     connect(&mInfoWatcher, &QFutureWatcher<QString>::finished, this,
             &DeviceInfoParallel::slotDataReady);
+    ThreadHandOff::publish(&staticMetaObject);
     mInfoWatcher.setFuture(
         QtConcurrent::run(QThreadPool::globalInstance(), &DeviceInfoParallel::readDevInfo, udid));
 }
@@ -22,12 +24,14 @@ DeviceInfoParallel::DeviceInfoParallel(QObject* parent, const QString& udid, con
 {
     connect(&mUpdateWatcher, &QFutureWatcher<bool>::finished, this,
             &DeviceInfoParallel::slotUpdateFinished);
+    ThreadHandOff::publish(&staticMetaObject);
     mUpdateWatcher.setFuture(QtConcurrent::run(
         QThreadPool::globalInstance(), &DeviceInfoParallel::writeDevProperty, udid, key, value));
 }
 
 QString DeviceInfoParallel::readDevInfo(const QString& udid)
 {
+    ThreadHandOff::receive(&staticMetaObject);
     DeviceInfo info(nullptr, udid);
     QString out;
     const bool ok = info.getDevInfo(out, nullptr, nullptr, 0);
@@ -44,6 +48,7 @@ QString DeviceInfoParallel::readDevInfo(const QString& udid)
 bool DeviceInfoParallel::writeDevProperty(const QString& udid, const QString& key,
                                           const QString& value)
 {
+    ThreadHandOff::receive(&staticMetaObject);
     DeviceInfo info(nullptr, udid);
     const bool ok = info.setDevProperty(key, value);
     info.cleanUp();

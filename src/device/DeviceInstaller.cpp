@@ -6,8 +6,6 @@
 #include "Utility.h"
 
 #include <QDebug>
-#include <QMutex>
-#include <QMutexLocker>
 #include <QTextCodec>
 #include <QVariantMap>
 
@@ -18,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -38,15 +37,20 @@ std::atomic<int> gWaitForCommand{0};
 std::atomic<bool> gFinalStage{false};
 std::atomic<bool> gIsUpgrade{false};
 
-// Texts shared with the callback threads; a null array means "none".
-QMutex gTextLock;
+// Texts shared with the callback threads; a null array means "none". Guarded by standard
+// mutexes, which ThreadSanitizer follows (Qt's are invisible to it).
+std::mutex gTextLock;
 QByteArray gLastStatus;
 QByteArray gAppId;
 QByteArray gErrorMessage;
+// The installer that prepared last: the texts are its own. A session deleted after the
+// next operation has started (its worker returned after the final line) leaves them
+// alone instead of clearing the running operation's app id.
+const void* gTextOwner = nullptr;
 
 // The stored failure line is written on the installer's pool thread and read by the
 // manager's thread once the job has finished.
-QMutex gFailureLineLock;
+std::mutex gFailureLineLock;
 QString gLastFailureLine;
 
 // libimobiledevice runs an asynchronous command's status loop on a thread of its own and,
@@ -61,47 +65,50 @@ class StatusThreadExit
 public:
     ~StatusThreadExit()
     {
-        if (mLastStatusSeen)
-            pthread_detach(pthread_self());
+        if (!mOwner)
+            return;
+        pthread_detach(pthread_self());
         std::lock_guard<std::mutex> guard(sLock);
-        --sRunning;
+        if (--sFinishing[mOwner] == 0)
+            sFinishing.erase(mOwner);
         sExited.notify_all();
     }
-    // On a status thread: notes that it runs and whether this status ends its command
-    // (an error, no status name, or "Complete", as the device library decides).
-    static void note(plist_t status)
+    // On a status thread of owner's client: a status that ends the command (an error, no
+    // status name, or "Complete", as the device library decides) marks the thread as one
+    // that ends by itself.
+    static void note(const void* owner, plist_t status)
     {
         thread_local StatusThreadExit self;
         plist_t name = status ? plist_dict_get_item(status, "Status") : nullptr;
         char* text = nullptr;
         if (name && plist_get_node_type(name) == PLIST_STRING)
             plist_get_string_val(name, &text);
-        if (!status || plist_dict_get_item(status, "Error") || !text ||
-            strcmp(text, "Complete") == 0)
-            self.mLastStatusSeen = true;
+        const bool last = !status || plist_dict_get_item(status, "Error") || !text ||
+                          strcmp(text, "Complete") == 0;
         free(text);
+        if (last && !self.mOwner) {
+            std::lock_guard<std::mutex> guard(sLock);
+            self.mOwner = owner;
+            ++sFinishing[owner];
+        }
     }
-    // Waits a little for the status threads that saw their last status to be gone.
-    static void awaitExits()
+    // Waits a little for owner's status threads that saw their last status to be gone.
+    static void awaitExits(const void* owner)
     {
         std::unique_lock<std::mutex> guard(sLock);
-        sExited.wait_for(guard, std::chrono::seconds(2), [] { return sRunning == 0; });
+        sExited.wait_for(guard, std::chrono::seconds(2),
+                         [owner] { return sFinishing.count(owner) == 0; });
     }
 
 private:
-    StatusThreadExit()
-    {
-        std::lock_guard<std::mutex> guard(sLock);
-        ++sRunning;
-    }
-    bool mLastStatusSeen = false;
+    const void* mOwner = nullptr; // set once the thread will end by itself
     static std::mutex sLock;
     static std::condition_variable sExited;
-    static int sRunning;
+    static std::map<const void*, int> sFinishing;
 };
 std::mutex StatusThreadExit::sLock;
 std::condition_variable StatusThreadExit::sExited;
-int StatusThreadExit::sRunning = 0;
+std::map<const void*, int> StatusThreadExit::sFinishing;
 
 const char* const kStagingDir = "PublicStaging";
 const char* const kArchivesDir = "ApplicationArchives";
@@ -110,13 +117,13 @@ const int kPathBuffer = 1024;
 
 QByteArray readText(const QByteArray& text)
 {
-    QMutexLocker guard(&gTextLock);
+    std::lock_guard<std::mutex> guard(gTextLock);
     return text;
 }
 
 void writeText(QByteArray& text, const QByteArray& value)
 {
-    QMutexLocker guard(&gTextLock);
+    std::lock_guard<std::mutex> guard(gTextLock);
     text = value;
 }
 
@@ -213,19 +220,23 @@ DeviceInstaller::~DeviceInstaller()
 
 QString DeviceInstaller::lastFailureLine()
 {
-    QMutexLocker guard(&gFailureLineLock);
+    std::lock_guard<std::mutex> guard(gFailureLineLock);
     return gLastFailureLine;
 }
 
 void DeviceInstaller::storeFailureLine(const QString& line)
 {
-    QMutexLocker guard(&gFailureLineLock);
+    std::lock_guard<std::mutex> guard(gFailureLineLock);
     gLastFailureLine = line;
 }
 
 bool DeviceInstaller::prepare()
 {
     qDebug() << "DeviceInstaller::prepare";
+    {
+        std::lock_guard<std::mutex> guard(gTextLock);
+        gTextOwner = this;
+    }
     if (!isInited()) {
         qDebug() << "Error, not inited yet.";
         return end(KInstInitError);
@@ -264,7 +275,7 @@ bool DeviceInstaller::prepare()
 void DeviceInstaller::resetOperationState()
 {
     {
-        QMutexLocker guard(&gTextLock);
+        std::lock_guard<std::mutex> guard(gTextLock);
         gLastStatus = QByteArray();
         gAppId = QByteArray();
         gErrorMessage = QByteArray();
@@ -339,7 +350,7 @@ void DeviceInstaller::notifyCallback(const char* notification, void* userData)
 
 void DeviceInstaller::statusCallback(plist_t command, plist_t status, void* installer)
 {
-    StatusThreadExit::note(status);
+    StatusThreadExit::note(installer, status);
     auto* self = static_cast<DeviceInstaller*>(installer);
     const QString appid = currentAppId();
     const QString operation =
@@ -407,8 +418,7 @@ void DeviceInstaller::cleanUp()
         mNpClient = nullptr;
     }
     if (mInstproxyClient) {
-        if (gCommandCompleted || gErrorOccurred)
-            StatusThreadExit::awaitExits();
+        StatusThreadExit::awaitExits(this);
         instproxy_client_free(mInstproxyClient);
         mInstproxyClient = nullptr;
     }
@@ -423,7 +433,10 @@ void DeviceInstaller::cleanUp()
     mLocalPath = nullptr;
     delete mOperation;
     mOperation = nullptr;
-    QMutexLocker guard(&gTextLock);
+    std::lock_guard<std::mutex> guard(gTextLock);
+    if (gTextOwner != this)
+        return;
+    gTextOwner = nullptr;
     gAppId = QByteArray();
     gLastStatus = QByteArray();
     gErrorMessage = QByteArray();

@@ -3,6 +3,7 @@
 #include "DeviceInstaller.h"
 #include "DeviceManager.h"
 #include "OperationInfo.h"
+#include "ThreadHandOff.h"
 
 #include <QDebug>
 #include <QThreadPool>
@@ -13,6 +14,7 @@ DeviceInstallerParallel::DeviceInstallerParallel(DeviceManager* manager, const O
 {
     connect(&mWatcher, &QFutureWatcher<DeviceInstaller*>::finished, this,
             &DeviceInstallerParallel::slotGetInstaller);
+    ThreadHandOff::publish(info);
     mWatcher.setFuture(QtConcurrent::run(QThreadPool::globalInstance(),
                                          &DeviceInstallerParallel::getInstaller, info, mManager));
 }
@@ -46,6 +48,7 @@ void DeviceInstallerParallel::deleteSessionWhenReturned(const QFuture<DeviceInst
 DeviceInstaller* DeviceInstallerParallel::getInstaller(const OperationInfo* info,
                                                        DeviceManager* manager)
 {
+    ThreadHandOff::receive(info);
     qDebug() << "DeviceInstallerParallel::getInstaller";
     qDebug() << info->mUdid;
     // The session stays on this pool thread; the job deletes it from the manager's

@@ -1,4 +1,5 @@
-# cmake -DBINARY_DIR=... -DWORK_DIR=... -DCONSUMER_DIR=... [-DSANITIZE=ON] -P InstallAndConsume.cmake
+# cmake -DBINARY_DIR=... -DWORK_DIR=... -DCONSUMER_DIR=... [-DSANITIZE=ON|-DTSAN=ON]
+#       [-DCXX_COMPILER=...] -P InstallAndConsume.cmake
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -17,8 +18,15 @@ set(flags "")
 if(SANITIZE)
   # The library was built with the sanitizers; its host must load their runtime first.
   set(flags "-fsanitize=address,undefined")
+elseif(TSAN)
+  set(flags "-fsanitize=thread")
 endif()
-run("configure consumer" ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build
+# The host is built by the library's own compiler, so a sanitizer runtime matches it.
+set(compiler "")
+if(CXX_COMPILER)
+  set(compiler "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}")
+endif()
+run("configure consumer" ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build ${compiler}
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=${BUILD_TYPE} "-DCMAKE_CXX_FLAGS=${flags}")
 run("build consumer" ${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 run("run consumer" ${WORK_DIR}/build/kavrel-consumer)

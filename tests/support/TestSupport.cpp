@@ -3,13 +3,13 @@
 namespace kavreltest {
 
 namespace {
-QMutex gCurrentLock;
+std::mutex gCurrentLock;
 LogCapture* gCurrent = nullptr;
 } // namespace
 
 LogCapture::LogCapture()
 {
-    QMutexLocker guard(&gCurrentLock);
+    std::lock_guard<std::mutex> guard(gCurrentLock);
     mOuter = gCurrent;
     gCurrent = this;
     mPrevious = qInstallMessageHandler(&LogCapture::handler);
@@ -17,23 +17,23 @@ LogCapture::LogCapture()
 
 LogCapture::~LogCapture()
 {
-    QMutexLocker guard(&gCurrentLock);
+    std::lock_guard<std::mutex> guard(gCurrentLock);
     gCurrent = mOuter;
     qInstallMessageHandler(mPrevious);
 }
 
 void LogCapture::handler(QtMsgType, const QMessageLogContext&, const QString& msg)
 {
-    QMutexLocker guard(&gCurrentLock);
+    std::lock_guard<std::mutex> guard(gCurrentLock);
     if (!gCurrent)
         return;
-    QMutexLocker lines(&gCurrent->mLock);
+    std::lock_guard<std::mutex> lines(gCurrent->mLock);
     gCurrent->mLines.append(msg);
 }
 
 QStringList LogCapture::lines() const
 {
-    QMutexLocker guard(&mLock);
+    std::lock_guard<std::mutex> guard(mLock);
     return mLines;
 }
 

@@ -6,6 +6,8 @@
 
 #include <plist/plist.h>
 
+#include <mutex>
+
 namespace kavreltest {
 
 // Captures every line written to the Qt debug stream while it lives, on any thread.
@@ -32,7 +34,7 @@ public:
 
 private:
     static void handler(QtMsgType type, const QMessageLogContext& context, const QString& msg);
-    mutable QMutex mLock;
+    mutable std::mutex mLock;
     QStringList mLines;
     QtMessageHandler mPrevious = nullptr;
     LogCapture* mOuter = nullptr;
