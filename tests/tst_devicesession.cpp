@@ -45,11 +45,11 @@ private:
 };
 
 // Records the listener's signals on the event thread, copying the udid while it is
-// still valid.
+// still valid. It must outlive the listener, whose destruction ends the events.
 class EventLog : public QObject
 {
 public:
-    explicit EventLog(DeviceListener& listener)
+    void watch(DeviceListener& listener)
     {
         connect(
             &listener, &DeviceListener::DeviceAdded, this,
@@ -231,8 +231,9 @@ private slots:
         DevSim sim;
         QVERIFY(sim.start({DeviceProfile(testUdid(6))}));
         LogCapture log;
+        EventLog events;
         DeviceListener listener;
-        EventLog events(listener);
+        events.watch(listener);
         if (startThread) {
             listener.start();
             QTRY_VERIFY(log.hasLine(QStringLiteral("DeviceListener::run")));
