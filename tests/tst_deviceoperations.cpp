@@ -206,7 +206,7 @@ private slots:
         LogCapture log;
         host.manager.uninstallApp(udid, "com.kavrel.a");
         QTRY_VERIFY(log.contains("DeviceInstallerParallel::slotGetInstaller"));
-        QVERIFY(host.progress.isEmpty());
+        QVERIFY2(host.progress.isEmpty(), qPrintable(host.lines().join(" | ")));
         QVERIFY(host.settle());
         QCOMPARE(host.lines(), expected);
         QCOMPARE(host.uninstalled.count(), 1);

@@ -326,6 +326,14 @@ bool DeviceInstaller::end(EInstError error)
     qDebug() << "DeviceInstaller::end, success: " << key;
     if (error == KInstNoError)
         return true;
+    {
+        // A session whose operation the manager has already ended (by its final line)
+        // can still be waiting when the next one prepares; its failure would become
+        // the next operation's finish line.
+        std::lock_guard<std::mutex> guard(gTextLock);
+        if (gTextOwner != this)
+            return true;
+    }
     const QByteArray message = readText(gErrorMessage);
     storeFailureLine(ProgressLine::failure(
         mCommand, message.isNull() ? key : QString::fromUtf8(message), currentAppId()));
