@@ -17,28 +17,7 @@ if [ -z "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && [ -z "${QT_QPA_PLATFORM:-}" ]; t
   export QT_QPA_PLATFORM=offscreen
 fi
 
-sim_pid=""
-sim_dir=""
-stop_sim() {
-  if [ -n "$sim_pid" ]; then
-    kill "$sim_pid" 2>/dev/null || true
-    wait "$sim_pid" 2>/dev/null || true
-  fi
-  [ -n "$sim_dir" ] && rm -rf "$sim_dir"
-  return 0
-}
-trap stop_sim EXIT
-if [ -z "$(idevice_id -l 2>/dev/null || true)" ] && [ -x "$devsim" ]; then
-  sim_dir=$(mktemp -d)
-  sock="$sim_dir/usbmuxd.sock"
-  "$devsim" --socket "$sock" --state "$sim_dir/state" iphone >"$sim_dir/devsim.log" 2>&1 &
-  sim_pid=$!
-  export USBMUXD_SOCKET_ADDRESS="UNIX:$sock"
-  for _ in $(seq 100); do
-    "$devsim" ctl --socket "$sock" list >/dev/null 2>&1 && break
-    sleep 0.1
-  done
-  echo "(no device attached: using kavrel-devsim's simulated iPhone at $sock)"
-fi
+source "$root/scripts/simulator.sh"
+start_simulator "$devsim"
 
 "$desk" "$@"

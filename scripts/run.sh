@@ -19,31 +19,8 @@ demo() { echo; echo "\$ kavrel $*"; "$kavrel" "$@"; }
 
 # Devices: a real one when attached, otherwise the simulated iPhone on a private socket.
 devsim="$root/build/tools/devsim/kavrel-devsim"
-sim_pid=""
-sim_dir=""
-stop_sim() {
-  if [ -n "$sim_pid" ]; then
-    kill "$sim_pid" 2>/dev/null || true
-    wait "$sim_pid" 2>/dev/null || true
-    sim_pid=""
-  fi
-  [ -n "$sim_dir" ] && rm -rf "$sim_dir"
-  sim_dir=""
-}
-trap stop_sim EXIT
-if [ -z "$(idevice_id -l 2>/dev/null || true)" ] && [ -x "$devsim" ]; then
-  sim_dir=$(mktemp -d)
-  sock="$sim_dir/usbmuxd.sock"
-  "$devsim" --socket "$sock" --state "$sim_dir/state" iphone >"$sim_dir/devsim.log" 2>&1 &
-  sim_pid=$!
-  export USBMUXD_SOCKET_ADDRESS="UNIX:$sock"
-  for _ in $(seq 100); do
-    "$devsim" ctl --socket "$sock" list >/dev/null 2>&1 && break
-    sleep 0.1
-  done
-  echo
-  echo "(no device attached: using kavrel-devsim's simulated iPhone at $sock)"
-fi
+source "$root/scripts/simulator.sh"
+start_simulator "$devsim"
 
 # The service check looks at the same usbmuxd socket the device commands use.
 demo service check || true
