@@ -400,11 +400,11 @@ void DeviceManager::slotInstallerTimeout()
     }
     // With the guard from the start, an uninstall or archive that never answered says so
     // under its own name: an icon on the device tells nothing about them.
-    const bool removal = type == KOperationUninstall || type == KOperationArchive;
-    if (mGuardFromStart && removal && mLastStatus.isEmpty()) {
-        const QString name =
-            type == KOperationUninstall ? QStringLiteral("Uninstall") : QStringLiteral("Archive");
-        emit signalDevProgress(ProgressLine::operationTimedOut(name, appid));
+    const bool install = type == KOperationInstall || type == KOperationUpgrade;
+    if (mGuardFromStart && !install && mLastStatus.isEmpty()) {
+        const int command = type == KOperationUninstall ? KCommandUninstall : KCommandArchive;
+        emit signalDevProgress(
+            ProgressLine::operationTimedOut(OperationInfo::commandName(command), appid));
         return finishTimedOutJob();
     }
     if (mInstallerJob && mInstallerJob->mInfo)
